@@ -1,0 +1,168 @@
+#include "client/KsMEMRequest.h"
+
+#include <cstdlib>
+
+#include "client/Exception.h"
+#include "client/KsMemBinding.h"
+#include "client/TransportFailure.h"
+#include "util/Utf8.h"
+
+namespace Kestrane {
+namespace Net {
+namespace KsModelEventManager {
+namespace Client {
+
+namespace {
+
+// Statuses of KsMem_Receive while the transport decides about the body.
+constexpr int32_t kBodyWanted = 19;
+constexpr int32_t kNoMoreToSend = 20;
+constexpr int32_t kGoOn = 0;
+// KsMem_Receive result that ends a reply.
+constexpr int32_t kEndOfReply = -1;
+// Our own code for a text that could not be handed to the transport.
+constexpr int32_t kNoTextToSend = -3002;
+
+static_assert(KsMEMRequest::kReplyBufferSize == KSMEM_RECEIVE_BUFFER_SIZE,
+              "the reply buffer must be the size the transport fills");
+
+}  // namespace
+
+KsMEMRequest::KsMEMRequest()
+    : replyBuffer(new char[kReplyBufferSize]), requestStream(nullptr) {}
+
+KsMEMRequest::~KsMEMRequest() = default;
+
+void KsMEMRequest::addHeader(const char* name, const char* value) {
+  headers.emplace(name, value);
+}
+
+void KsMEMRequest::clearHeaders() { headers.clear(); }
+
+void KsMEMRequest::setRequestStream(std::istream* stream) { requestStream = stream; }
+
+void KsMEMRequest::setRequestBody(const char* text) { requestBody = text; }
+
+void KsMEMRequest::initialise() {
+  const int32_t result = KsMem_Init(&malloc, &free);
+  if (result != 0) throwTransportFailure(result);
+}
+
+void KsMEMRequest::terminate() {
+  const int32_t result = KsMem_Term();
+  if (result < 0) throwTransportFailure(result);
+}
+
+std::string KsMEMRequest::buildHeaderText() const {
+  std::string text;
+  for (const auto& [name, value] : headers) {
+    text += name;
+    text += '=';
+    if (value != "null") text += value;
+    text += "\r\n";
+  }
+  text += "\r\n";
+  return text;
+}
+
+std::string KsMEMRequest::exchange() {
+  if (!requestBody.empty()) {
+    sendRequestText((buildHeaderText() + requestBody).c_str());
+    return readReply();
+  }
+  if (requestStream == nullptr) {
+    throw KsMEMProtocolException("Failed to read the request stream.");
+  }
+
+  sendHeaderBlock();
+  int32_t status = receive();
+  while (status == kBodyWanted) status = sendRequestStream();
+  if (status < 0) throwTransportFailure(status);
+  if (status != kNoMoreToSend && status != kGoOn) {
+    // No other status has a meaning here; waiting for one that does could last forever.
+    throw KsMEMProtocolException("The transport answered the request with status " +
+                                 std::to_string(status) +
+                                 ", which is neither 19 (send the body) nor 20 or 0 (reply).");
+  }
+  return readReply();
+}
+
+void KsMEMRequest::sendRequestText(const char* text) {
+  if (text == nullptr) throwTransportFailure(kNoTextToSend);
+  int32_t result = KsMem_Send(text);
+  if (result < 0) throwTransportFailure(result);
+  result = KsMem_SendEOF();
+  if (result < 0) throwTransportFailure(result);
+}
+
+void KsMEMRequest::sendHeaderBlock() {
+  const std::string block = buildHeaderText();
+  std::string utf8;
+  try {
+    if (block.size() > static_cast<size_t>(INT32_MAX)) {
+      throw Utf8ConversionException("The header block is too long to convert.");
+    }
+    utf8 = Util::toUtf8(block.data(), static_cast<int32_t>(block.size()));
+  } catch (const Utf8ConversionException&) {
+    throw KsMEMRuntimeException("Exception occurred while converting to UTF-8 bytes.");
+  }
+  const int32_t result = KsMem_SendNoAck(utf8.c_str());
+  if (result < 0) throwTransportFailure(result);
+  KsMem_SendEOF();  // the status that follows tells whether the transport took the block
+}
+
+int32_t KsMEMRequest::sendRequestStream() {
+  // The transport takes a zero-terminated text and no length, so each chunk is read into a
+  // buffer with room for the terminating zero and handed over from there.
+  char chunk[kChunkSize + 1];
+  int32_t lastSendResult = 0;
+  int32_t count;
+  do {
+    requestStream->read(chunk, kChunkSize);
+    count = static_cast<int32_t>(requestStream->gcount());
+    if (count > 0) {
+      chunk[count] = '\0';
+      lastSendResult = KsMem_SendNoAck(chunk);
+    }
+  } while (!requestStream->eof() && count != 0 && lastSendResult > 0);
+
+  if (lastSendResult < 0) throwTransportFailure(lastSendResult);
+  const int32_t result = KsMem_SendEOF();
+  if (result < 0) throwTransportFailure(result);
+  return receive();
+}
+
+std::string KsMEMRequest::readReply() {
+  std::string reply;
+  reply.reserve(kReplyBufferSize);
+  for (;;) {
+    const int32_t count = receive();
+    if (count == kEndOfReply) break;
+    if (count < kEndOfReply) throwTransportFailure(count);
+    if (count > kReplyBufferSize) {
+      throw KsMEMProtocolException("The transport delivered " + std::to_string(count) +
+                                   " bytes at once, more than its buffer of " +
+                                   std::to_string(kReplyBufferSize) + " bytes holds.");
+    }
+    const size_t length = reply.size() + static_cast<size_t>(count);
+    if (length > static_cast<size_t>(kMaxReplySize)) {
+      throw KsMEMRuntimeException("The reply is too large: it exceeds " +
+                                  std::to_string(kMaxReplySize) + " bytes.");
+    }
+    if (length > reply.capacity()) {
+      size_t capacity = reply.capacity();
+      while (capacity < length) capacity *= 2;
+      reply.reserve(capacity);
+    }
+    reply.append(replyBuffer.get(), static_cast<size_t>(count));
+  }
+  KsMem_Complete();
+  return reply;
+}
+
+int32_t KsMEMRequest::receive() { return KsMem_Receive(replyBuffer.get()); }
+
+}  // namespace Client
+}  // namespace KsModelEventManager
+}  // namespace Net
+}  // namespace Kestrane

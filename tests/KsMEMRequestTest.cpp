@@ -1,0 +1,352 @@
+#include "client/KsMEMRequest.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "client/Exception.h"
+#include "tests/ScriptedTransport.h"
+
+using namespace Kestrane::Net::KsModelEventManager::Client;
+namespace st = ScriptedTransport;
+
+namespace {
+
+class KsMEMRequestTest : public ::testing::Test {
+ protected:
+  void SetUp() override { st::reset(); }
+
+  // A request with the three headers of a status check and `body` as its stream.
+  std::string exchangeStream(const std::string& body) {
+    std::istringstream stream(body);
+    KsMEMRequest request;
+    request.addHeader("Service-Name", "KsMEMRequest");
+    request.addHeader("Operation-Name", "getStatus");
+    request.addHeader("Log-Correlation-ID", "KsMEMConnection.getStatus");
+    request.setRequestStream(&stream);
+    return request.exchange();
+  }
+};
+
+const std::string kStatusBlock =
+    "Log-Correlation-ID=KsMEMConnection.getStatus\r\n"
+    "Operation-Name=getStatus\r\n"
+    "Service-Name=KsMEMRequest\r\n"
+    "\r\n";
+
+TEST_F(KsMEMRequestTest, StreamFormCallsTheTransportInOrder) {
+  st::scriptExchange("reply text");
+
+  EXPECT_EQ("reply text", exchangeStream("KsMEM Status check"));
+
+  using E = st::Entry;
+  EXPECT_EQ((std::vector<E>{E::SendNoAck, E::SendEOF, E::Receive, E::SendNoAck, E::SendEOF,
+                            E::Receive, E::Receive, E::Receive, E::Complete}),
+            st::entries());
+  EXPECT_EQ((std::vector<std::string>{kStatusBlock, "KsMEM Status check"}), st::sentNoAck());
+}
+
+TEST_F(KsMEMRequestTest, TextFormSendsBlockAndBodyTogetherWithoutStatusDialogue) {
+  std::istringstream unread("never read");
+  KsMEMRequest request;
+  request.addHeader("Operation-Name", "getStatus");
+  request.setRequestStream(&unread);
+  request.setRequestBody("the body");
+  st::deliverReply("ok");
+
+  EXPECT_EQ("ok", request.exchange());
+
+  using E = st::Entry;
+  EXPECT_EQ((std::vector<E>{E::Send, E::SendEOF, E::Receive, E::Receive, E::Complete}),
+            st::entries());
+  EXPECT_EQ("Operation-Name=getStatus\r\n\r\nthe body", st::calls()[0].text);
+  EXPECT_EQ(0, unread.tellg());
+}
+
+TEST_F(KsMEMRequestTest, EmptyBodyTextKeepsTheStreamForm) {
+  std::istringstream stream("x");
+  KsMEMRequest request;
+  request.setRequestStream(&stream);
+  request.setRequestBody("");
+  st::scriptExchange("");
+
+  request.exchange();
+
+  EXPECT_EQ((std::vector<std::string>{"\r\n", "x"}), st::sentNoAck());
+}
+
+TEST_F(KsMEMRequestTest, HeaderBlockIsOrderedByBytesAndRendersNullEmpty) {
+  KsMEMRequest request;
+  request.addHeader("Server-ID", "null");
+  request.addHeader("Client-ID", "Null");
+  request.addHeader("Locale", "en");
+  request.addHeader("Locale", "de");  // a second value for a name is dropped
+  request.addHeader("Log-Correlation-ID", "");
+  request.addHeader("\xE4x", "after");
+  request.addHeader("Ax", "nullable");
+  request.addHeader("A", "a=b\r\nc");  // no escaping of any kind
+
+  EXPECT_EQ(
+      "A=a=b\r\nc\r\n"
+      "Ax=nullable\r\n"
+      "Client-ID=Null\r\n"
+      "Locale=en\r\n"
+      "Log-Correlation-ID=\r\n"
+      "Server-ID=\r\n"
+      "\xE4x=after\r\n"
+      "\r\n",
+      request.buildHeaderText());
+
+  request.clearHeaders();
+  EXPECT_EQ("\r\n", request.buildHeaderText());
+}
+
+TEST_F(KsMEMRequestTest, BodyGoesOutInChunksOf4098Bytes) {
+  const std::string body = std::string(4098, 'a') + "b";
+  st::scriptExchange("");
+
+  exchangeStream(body);
+
+  const auto sent = st::sentNoAck();
+  ASSERT_EQ(3u, sent.size());
+  EXPECT_EQ(std::string(4098, 'a'), sent[1]);
+  EXPECT_EQ("b", sent[2]);
+}
+
+TEST_F(KsMEMRequestTest, BodyOfExactly4098BytesIsOneChunk) {
+  st::scriptExchange("");
+
+  exchangeStream(std::string(4098, 'z'));
+
+  EXPECT_EQ(2u, st::sentNoAck().size());
+}
+
+TEST_F(KsMEMRequestTest, EmptyBodySendsNoChunkButEndsTheBody) {
+  st::scriptExchange("");
+
+  exchangeStream("");
+
+  using E = st::Entry;
+  EXPECT_EQ((std::vector<E>{E::SendNoAck, E::SendEOF, E::Receive, E::SendEOF, E::Receive,
+                            E::Receive, E::Complete}),
+            st::entries());
+}
+
+TEST_F(KsMEMRequestTest, ChunkAcceptedWithZeroEndsTheBody) {
+  st::script(st::SendNoAck, 1);  // header block
+  st::script(st::SendNoAck, 0);  // first chunk: no more wanted
+  st::scriptExchange("");
+
+  exchangeStream(std::string(9000, 'q'));
+
+  EXPECT_EQ(2u, st::sentNoAck().size());
+  EXPECT_EQ(2, st::count(st::SendEOF));
+}
+
+TEST_F(KsMEMRequestTest, ZeroByteInBodyEndsWhatTheTransportSeesOfTheChunk) {
+  st::scriptExchange("");
+
+  exchangeStream(std::string("ab\0cd", 5));
+
+  EXPECT_EQ("ab", st::sentNoAck()[1]);
+}
+
+TEST_F(KsMEMRequestTest, StatusNineteenAgainSendsOnlyAnotherEndOfBody) {
+  st::script(st::Receive, 19);
+  st::script(st::Receive, 19);
+  st::script(st::Receive, 0);
+  st::deliverReply("r");
+
+  EXPECT_EQ("r", exchangeStream("body"));
+
+  EXPECT_EQ(2u, st::sentNoAck().size());
+  EXPECT_EQ(3, st::count(st::SendEOF));
+}
+
+TEST_F(KsMEMRequestTest, StatusTwentyOrZeroAtOnceSkipsTheBody) {
+  for (int32_t status : {20, 0}) {
+    st::reset();
+    st::script(st::Receive, status);
+    st::deliverReply("r");
+
+    EXPECT_EQ("r", exchangeStream("body"));
+    EXPECT_EQ(1u, st::sentNoAck().size()) << "status " << status;
+  }
+}
+
+TEST_F(KsMEMRequestTest, NegativeStatusFailsWithoutComplete) {
+  st::script(st::Receive, -3001);
+  st::setLastError("service down");
+
+  try {
+    exchangeStream("body");
+    FAIL() << "no exception";
+  } catch (const KsMEMConnectionException& e) {
+    EXPECT_EQ("service down", e.getMessage());
+    EXPECT_EQ(0, e.getType());
+  }
+  EXPECT_EQ(0, st::count(st::Complete));
+  EXPECT_EQ(st::GetLastError, st::entries().back());
+}
+
+TEST_F(KsMEMRequestTest, MinusOneWhileAwaitingStatusIsUnrecognised) {
+  st::script(st::Receive, -1);
+
+  EXPECT_THROW(exchangeStream("body"), KsMEMUnrecognisedException);
+  EXPECT_EQ(0, st::count(st::Complete));
+}
+
+TEST_F(KsMEMRequestTest, UnknownPositiveStatusFailsNamingItAndCallsNothingMore) {
+  st::script(st::Receive, 7);
+
+  try {
+    exchangeStream("body");
+    FAIL() << "no exception";
+  } catch (const KsMEMProtocolException& e) {
+    EXPECT_NE(std::string::npos, e.getMessage().find("status 7")) << e.getMessage();
+  }
+  using E = st::Entry;
+  EXPECT_EQ((std::vector<E>{E::SendNoAck, E::SendEOF, E::Receive}), st::entries());
+}
+
+TEST_F(KsMEMRequestTest, SendFailuresAreReportedAtEachStep) {
+  // Header block refused.
+  st::script(st::SendNoAck, -3010);
+  EXPECT_THROW(exchangeStream("body"), KsMEMRuntimeException);
+  EXPECT_EQ(st::GetLastError, st::entries().back());
+
+  // A chunk refused.
+  st::reset();
+  st::script(st::SendNoAck, 1);
+  st::script(st::SendNoAck, -3017);
+  st::script(st::Receive, 19);
+  EXPECT_THROW(exchangeStream("body"), KsMEMProtocolException);
+  EXPECT_EQ(st::GetLastError, st::entries().back());
+
+  // The end of the body refused.
+  st::reset();
+  st::script(st::SendEOF, 0);
+  st::script(st::SendEOF, -2997);
+  st::script(st::Receive, 19);
+  EXPECT_THROW(exchangeStream("body"), KsMEMConnectionException);
+  EXPECT_EQ(st::GetLastError, st::entries().back());
+  EXPECT_EQ(0, st::count(st::Complete));
+}
+
+TEST_F(KsMEMRequestTest, EndOfHeaderBlockResultIsNotExamined) {
+  st::script(st::SendEOF, -3001);
+  st::scriptExchange("fine");
+
+  EXPECT_EQ("fine", exchangeStream("body"));
+}
+
+TEST_F(KsMEMRequestTest, TextFormFailuresAreReported) {
+  KsMEMRequest request;
+  request.setRequestBody("b");
+  st::script(st::Send, -3009);
+  EXPECT_THROW(request.exchange(), KsMEMRuntimeException);
+
+  st::reset();
+  st::script(st::SendEOF, -751);
+  EXPECT_THROW(request.exchange(), KsMEMProtocolException);
+  EXPECT_EQ(0, st::count(st::Receive));
+}
+
+TEST_F(KsMEMRequestTest, RequestWithoutBodyOrStreamIsRefusedBeforeAnyCall) {
+  KsMEMRequest request;
+
+  try {
+    request.exchange();
+    FAIL() << "no exception";
+  } catch (const KsMEMProtocolException& e) {
+    EXPECT_EQ("Failed to read the request stream.", e.getMessage());
+    EXPECT_EQ(0, e.getType());
+  }
+  EXPECT_TRUE(st::calls().empty());
+}
+
+TEST_F(KsMEMRequestTest, ReplyIsGatheredWholeWithZeroBytesAndSmallCounts) {
+  st::script(st::Receive, 20);
+  st::deliver(std::string(19, 'a'));  // 19 and 20 are counts once the reply is running
+  st::deliver(std::string(20, 'b'));
+  st::deliver("");
+  st::deliver(std::string("z\0z", 3));
+  st::script(st::Receive, -1);
+
+  EXPECT_EQ(std::string(19, 'a') + std::string(20, 'b') + std::string("z\0z", 3),
+            exchangeStream("body"));
+}
+
+TEST_F(KsMEMRequestTest, LongReplyCrossesTheFirstCapacity) {
+  for (size_t size : {16384u, 16385u, 1000000u}) {
+    st::reset();
+    std::string reply(size, 'r');
+    reply.back() = 'e';
+    st::script(st::Receive, 20);
+    st::deliverReply(reply);
+
+    EXPECT_EQ(reply, exchangeStream("body")) << size;
+  }
+}
+
+TEST_F(KsMEMRequestTest, ImmediateEndGivesEmptyReplyAndCompletes) {
+  st::script(st::Receive, 20);
+  st::script(st::Receive, -1);
+
+  EXPECT_EQ("", exchangeStream("body"));
+  EXPECT_EQ(1, st::count(st::Complete));
+}
+
+TEST_F(KsMEMRequestTest, FailureWhileReadingTheReplyDropsWhatWasGathered) {
+  st::script(st::Receive, 20);
+  st::deliver("partial");
+  st::script(st::Receive, -3016);
+
+  EXPECT_THROW(exchangeStream("body"), KsMEMRuntimeException);
+  EXPECT_EQ(0, st::count(st::Complete));
+}
+
+TEST_F(KsMEMRequestTest, DeliveryLargerThanTheBufferIsRefused) {
+  st::script(st::Receive, 20);
+  st::script(st::Receive, 16385);
+
+  EXPECT_THROW(exchangeStream("body"), KsMEMProtocolException);
+  EXPECT_EQ(0, st::count(st::Complete));
+}
+
+TEST_F(KsMEMRequestTest, ReplyBeyondOneGibibyteIsRefused) {
+  st::script(st::Receive, 20);
+  for (int i = 0; i < (1 << 30) / 16384; ++i) st::script(st::Receive, 16384);
+  st::script(st::Receive, 1);
+
+  try {
+    exchangeStream("body");
+    FAIL() << "no exception";
+  } catch (const KsMEMRuntimeException& e) {
+    EXPECT_EQ("The reply is too large: it exceeds 1073741824 bytes.", e.getMessage());
+  }
+  EXPECT_EQ(0, st::count(st::Complete));
+}
+
+TEST_F(KsMEMRequestTest, InitialiseFailsOnAnyNonZeroResultAndTerminateOnNegative) {
+  st::script(st::Init, 1001);
+  EXPECT_THROW(KsMEMRequest::initialise(), KsMEMConnectionException);
+  st::script(st::Init, 5);
+  EXPECT_THROW(KsMEMRequest::initialise(), KsMEMUnrecognisedException);
+  st::script(st::Term, 3);
+  EXPECT_NO_THROW(KsMEMRequest::terminate());
+  st::script(st::Term, -3099);
+  EXPECT_THROW(KsMEMRequest::terminate(), KsMEMProtocolException);
+}
+
+TEST_F(KsMEMRequestTest, UnusedRequestTouchesNothing) {
+  std::istringstream stream("body");
+  {
+    KsMEMRequest request;
+    request.setRequestStream(&stream);
+  }
+  EXPECT_TRUE(st::calls().empty());
+  EXPECT_EQ(0, stream.tellg());
+}
+
+}  // namespace
