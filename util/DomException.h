@@ -1,0 +1,41 @@
+// DomException: the failure of an XML document that the library can't use, either because the
+// reader refused it (malformed, unreadable, or one of the limits of SAXToNodeParser) or because
+// its content is not what a schema object expects.
+//
+// It is no member of the Client::Exception family and derives from nothing; handlers for
+// Exception don't catch it, and it passes through the connection operations to the
+// application unchanged. Thrown and caught by value. getMessage() is the whole text for people,
+// always ending in a line break when it comes from the parser.
+//
+// Every member is defined here, inline, so that an application can catch and copy it although
+// the shared library does not export the class.
+#ifndef KSMEM_UTIL_DOMEXCEPTION_H_
+#define KSMEM_UTIL_DOMEXCEPTION_H_
+
+#include <string>
+
+namespace Kestrane {
+namespace Net {
+namespace KsModelEventManager {
+namespace Util {
+
+class DomException {
+ public:
+  DomException() {}
+  explicit DomException(const std::string& message) : message(message) {}
+  virtual ~DomException() {}
+
+  virtual void setMessage(const std::string& newMessage) { message = newMessage; }
+  // Valid as long as this object and until the next setMessage.
+  virtual const std::string& getMessage() const { return message; }
+
+ private:
+  std::string message;
+};
+
+}  // namespace Util
+}  // namespace KsModelEventManager
+}  // namespace Net
+}  // namespace Kestrane
+
+#endif  // KSMEM_UTIL_DOMEXCEPTION_H_

@@ -1,0 +1,193 @@
+#include "util/SAXToNodeParser.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+
+#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/sax/SAXParseException.hpp>
+#include <xercesc/sax2/Attributes.hpp>
+#include <xercesc/sax2/XMLReaderFactory.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLString.hpp>
+#include <xercesc/util/XMLUni.hpp>
+
+#include "util/DomException.h"
+
+using xercesc::XMLPlatformUtils;
+using xercesc::XMLString;
+
+namespace Kestrane {
+namespace Net {
+namespace KsModelEventManager {
+namespace Util {
+
+namespace {
+
+// Holds a buffer of XMLString::transcode until the end of the scope.
+class TranscodedText {
+ public:
+  explicit TranscodedText(const XMLCh* text)
+      : bytes(XMLString::transcode(text, XMLPlatformUtils::fgMemoryManager)) {}
+  ~TranscodedText() { XMLString::release(&bytes, XMLPlatformUtils::fgMemoryManager); }
+  TranscodedText(const TranscodedText&) = delete;
+  TranscodedText& operator=(const TranscodedText&) = delete;
+
+  char* bytes;
+};
+
+}  // namespace
+
+std::string toNarrowString(const XMLCh* text, bool replaceSubstitutionChars) {
+  if (text == nullptr) {
+    return std::string();
+  }
+  TranscodedText narrow(text);
+  if (narrow.bytes == nullptr) {
+    return std::string();
+  }
+  std::string result(narrow.bytes);
+  if (replaceSubstitutionChars) {
+    std::replace(result.begin(), result.end(), '\x1A', '?');
+  }
+  return result;
+}
+
+bool SAXToNodeParser::replaceSubstitutionChars = false;
+
+void SAXToNodeParser::setReplaceSubstitutionChars(bool replace) {
+  replaceSubstitutionChars = replace;
+}
+
+SAXToNodeParser::SAXToNodeParser()
+    : current(nullptr), depth(0), treeTextBytes(0), treeTextBudget(SIZE_MAX) {
+  securityManager.setEntityExpansionLimit(kMaxEntityExpansions);
+}
+
+SAXToNodeParser::~SAXToNodeParser() = default;
+
+XMLNode* SAXToNodeParser::getRoot() {
+  if (!root) {
+    root.reset(new XMLNode());
+  }
+  return root.get();
+}
+
+void SAXToNodeParser::startParse(const std::string& name) {
+  root.reset();
+  current = nullptr;
+  depth = 0;
+  treeTextBytes = 0;
+  treeTextBudget = SIZE_MAX;
+  reader.reset(xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager));
+  documentName = name;
+  reader->setContentHandler(this);
+  reader->setErrorHandler(this);
+  // With no entity resolver installed, this makes every external entity and external DTD a
+  // fatal error of the reader instead of a file read or a download, and skips schema hints.
+  reader->setFeature(xercesc::XMLUni::fgXercesDisableDefaultEntityResolution, true);
+  reader->setProperty(xercesc::XMLUni::fgXercesSecurityManager, &securityManager);
+}
+
+XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
+  startParse("From String");
+  // The reader gets the terminating NUL as part of the buffer; text behind an embedded NUL is
+  // not seen.
+  const XMLSize_t byteCount = std::strlen(xml.c_str()) + 1;
+  treeTextBudget = kTreeTextAllowance + kMaxTreeTextRatio * byteCount;
+  xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(xml.c_str()), byteCount,
+                                    "From-String", false, XMLPlatformUtils::fgMemoryManager);
+  reader->parse(source);
+  return root.get();
+}
+
+XMLNode* SAXToNodeParser::parseFile(const std::string& systemId) {
+  startParse(systemId);
+  reader->parse(systemId.c_str());
+  return root.get();
+}
+
+void SAXToNodeParser::startElement(const XMLCh* const uri, const XMLCh* const localname,
+                                   const XMLCh* const, const xercesc::Attributes& attrs) {
+  if (depth == kMaxDepth) {
+    throw DomException("XML Document '" + documentName + "' nests elements deeper than " +
+                       std::to_string(kMaxDepth) + " levels.\n");
+  }
+  std::unique_ptr<XMLNode> node(new XMLNode());
+  node->name = toNarrowString(localname, false);
+  node->namespaceURI = toNarrowString(uri, false);
+  for (XMLSize_t i = 0; i < attrs.getLength(); ++i) {
+    std::string attributeValue = toNarrowString(attrs.getValue(i), replaceSubstitutionChars);
+    std::string attributeName = toNarrowString(attrs.getLocalName(i), false);
+    chargeTreeText(attributeName.size() + attributeValue.size());
+    node->setAttribute(attributeName, attributeValue);
+  }
+
+  if (!root) {
+    root = std::move(node);
+    current = root.get();
+  } else {
+    node->parent = current;
+    current->children.push_back(node.get());
+    current = node.release();
+  }
+  ++depth;
+}
+
+void SAXToNodeParser::characters(const XMLCh* const chars, const XMLSize_t) {
+  std::string piece = toNarrowString(chars, replaceSubstitutionChars);
+  if (current != nullptr) {
+    chargeTreeText(piece.size());
+    current->value += piece;
+  }
+}
+
+void SAXToNodeParser::chargeTreeText(size_t bytes) {
+  treeTextBytes += bytes;
+  if (treeTextBytes > treeTextBudget) {
+    throw DomException("XML Document '" + documentName + "' expands to more than " +
+                       std::to_string(treeTextBudget) + " bytes of text.\n");
+  }
+}
+
+void SAXToNodeParser::endElement(const XMLCh* const, const XMLCh* const, const XMLCh* const) {
+  if (current == nullptr) {
+    std::cerr << "End element called when not inside one!" << std::endl;
+    return;
+  }
+  current = current->parent;
+  --depth;
+}
+
+void SAXToNodeParser::error(const xercesc::SAXParseException& failure) {
+  throwParseFailure("Error: parsing: ", failure);
+}
+
+void SAXToNodeParser::fatalError(const xercesc::SAXParseException& failure) {
+  throwParseFailure("Fatal Error: parsing: ", failure);
+}
+
+void SAXToNodeParser::throwParseFailure(const char* label,
+                                        const xercesc::SAXParseException& failure) {
+  std::ostringstream text;
+  const std::string systemId = toNarrowString(failure.getSystemId(), true);
+  if (systemId.empty()) {
+    // The reader had no source open: the document could not be read at all.
+    text << "XML Document '" << documentName << "' does not exist.\n";
+  } else {
+    text << label << systemId << ": line " << failure.getLineNumber() << ", char "
+         << failure.getColumnNumber() << "\n";
+    const std::string message = toNarrowString(failure.getMessage(), true);
+    if (!message.empty()) {
+      text << "Message: " << message << "\n";
+    }
+  }
+  throw DomException(text.str());
+}
+
+}  // namespace Util
+}  // namespace KsModelEventManager
+}  // namespace Net
+}  // namespace Kestrane
