@@ -1,0 +1,83 @@
+#include "util/StringConversions.h"
+
+#include <gtest/gtest.h>
+
+#include <locale>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Kestrane::Net::KsModelEventManager::Util {
+namespace {
+
+TEST(StringConversionsTest, FloatingPointIsWrittenInScientificNotationWithSeventeenDigits) {
+  EXPECT_EQ(doubleToString(0.5), "5.00000000000000000e-01");
+  EXPECT_EQ(doubleToString(-1234.5), "-1.23450000000000000e+03");
+  EXPECT_EQ(doubleToString(0.0), "0.00000000000000000e+00");
+  // A float shows the digits of its value widened to double.
+  EXPECT_EQ(floatToString(0.1f), "1.00000001490116119e-01");
+  EXPECT_EQ(stringToDouble(doubleToString(0.1)), 0.1);
+}
+
+TEST(StringConversionsTest, ReadingTakesTheLeadingNumberAndGivesZeroForNone) {
+  EXPECT_EQ(stringToInt(""), 0);
+  EXPECT_EQ(stringToDouble(""), 0.0);
+  EXPECT_EQ(stringToFloat(""), 0.0f);
+  EXPECT_EQ(stringToInt("42abc"), 42);
+  EXPECT_EQ(stringToInt("  -17 "), -17);
+  EXPECT_EQ(stringToInt("abc"), 0);
+  EXPECT_EQ(stringToInt("   "), 0);
+  EXPECT_EQ(stringToDouble("2.5e3xyz"), 2500.0);
+  EXPECT_EQ(stringToFloat("x1.5"), 0.0f);
+  EXPECT_EQ(stringToFloat("1.5"), 1.5f);
+  EXPECT_EQ(intToString(-2147483647 - 1), "-2147483648");
+}
+
+TEST(StringConversionsTest, BooleansWriteDigitsAndReadOnlyTrueOrOne) {
+  EXPECT_EQ(boolToString(true), "1");
+  EXPECT_EQ(boolToString(false), "0");
+  EXPECT_TRUE(stringToBool("true"));
+  EXPECT_TRUE(stringToBool("1"));
+  for (const char* text : {"0", "True", "TRUE", "", " 1", "yes"}) {
+    EXPECT_FALSE(stringToBool(text)) << text;
+  }
+}
+
+TEST(StringConversionsTest, SplitKeepsEmptyEntriesAndGivesOneMoreEntryThanSeparators) {
+  using List = std::vector<std::string>;
+  EXPECT_EQ(splitString("a,b,,c,", ','), (List{"a", "b", "", "c", ""}));
+  EXPECT_EQ(splitString("", ','), (List{""}));
+  EXPECT_EQ(splitString("abc", ','), (List{"abc"}));
+  EXPECT_EQ(splitString(",", ','), (List{"", ""}));
+}
+
+// Sets a global locale for one test and puts the old one back, C library's included.
+class GlobalLocale {
+ public:
+  explicit GlobalLocale(const std::locale& locale) : previous(std::locale::global(locale)) {}
+  ~GlobalLocale() { std::locale::global(previous); }
+
+ private:
+  std::locale previous;
+};
+
+TEST(StringConversionsTest, FloatingPointIgnoresACommaDecimalGlobalLocaleWhileIntegersFollowIt) {
+  const char* name = "de_DE.UTF-8";
+  std::locale german;
+  try {
+    german = std::locale(name);
+  } catch (const std::runtime_error&) {
+    GTEST_SKIP() << "locale " << name << " is not installed (generate it with locale-gen)";
+  }
+  GlobalLocale scope(german);
+
+  EXPECT_EQ(doubleToString(1.5), "1.50000000000000000e+00");
+  EXPECT_EQ(floatToString(-0.25f), "-2.50000000000000000e-01");
+  EXPECT_EQ(stringToDouble("1.5"), 1.5);
+  EXPECT_EQ(stringToFloat("2,5"), 2.0f);
+  EXPECT_EQ(intToString(1234567), "1.234.567");
+  EXPECT_EQ(stringToInt("1.234"), 1234);
+}
+
+}  // namespace
+}  // namespace Kestrane::Net::KsModelEventManager::Util
