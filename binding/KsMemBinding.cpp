@@ -1,0 +1,249 @@
+// The eight transport entries, serving every request with the service that KSMEM_SERVICE
+// chooses (ServiceChoice.h). When it names none, KsMem_Init fails with 1001 and every exchange
+// with kServiceUnreachable, each with a text that names the value and the accepted forms.
+//
+// Each thread has its own exchange in progress, so connections on different threads never see
+// each other's traffic; the last error text is per thread too. An exchange moves through the
+// phases below, one call at a time. A call that does not fit the phase fails and abandons the
+// exchange, as does every other failure, and a new header block (KsMem_SendNoAck outside the
+// body, or KsMem_Send) always starts a new exchange. While the body is wanted a text sent with
+// KsMem_SendNoAck is a body chunk, whatever it holds: a client that abandons an exchange there
+// must end it (KsMem_SendEOF and a status read, or KsMem_Complete) before it starts the next.
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "binding/HeaderBlock.h"
+#include "binding/ServiceBackend.h"
+#include "binding/ServiceChoice.h"
+
+// Only the eight entries leave the library.
+#pragma GCC visibility push(default)
+#include "client/KsMemBinding.h"
+#pragma GCC visibility pop
+
+namespace Kestrane {
+namespace Net {
+namespace KsModelEventManager {
+namespace Binding {
+namespace {
+
+constexpr int32_t kNoService = 1001;  // from KsMem_Init alone
+constexpr int32_t kBodyWanted = 19;
+constexpr int32_t kGoOnToReply = 20;
+constexpr int32_t kReplyEnd = -1;
+// A call that does not fit the exchange, or that lacks its argument.
+constexpr int32_t kCallOutOfTurn = -3016;
+// The transport could not do its part (out of memory).
+constexpr int32_t kTransportFault = -3010;
+
+enum class Phase {
+  kNone,              // no exchange on this thread
+  kHeaderBlock,       // stream form: header block taken, awaiting KsMem_SendEOF
+  kHeaderBlockEnded,  // awaiting the status read, which asks for the body
+  kBody,              // body chunks arriving
+  kBodyEnded,         // awaiting the status read, which serves the request
+  kText,              // text form: header block and body taken, awaiting KsMem_SendEOF
+  kTextEnded,         // awaiting the first reply read, which serves the request
+  kReply,             // reply pieces being read
+  kReplyEnded,        // the end of the reply was read, awaiting KsMem_Complete
+};
+
+const char* describe(Phase phase) {
+  switch (phase) {
+    case Phase::kNone: return "no exchange is in progress on this thread";
+    case Phase::kHeaderBlock: return "the header block has not yet been ended by KsMem_SendEOF";
+    case Phase::kHeaderBlockEnded: return "the status after the header block has not been read";
+    case Phase::kBody: return "the request body is still being sent";
+    case Phase::kBodyEnded: return "the status after the body has not been read";
+    case Phase::kText: return "the request text has not yet been ended by KsMem_SendEOF";
+    case Phase::kTextEnded: return "the reply has not been read";
+    case Phase::kReply: return "the reply is being read";
+    case Phase::kReplyEnded: return "the reply has been read and awaits KsMem_Complete";
+  }
+  return "";
+}
+
+struct Exchange {
+  Phase phase = Phase::kNone;
+  RequestHeaders headers;
+  std::string body;
+  std::string reply;
+  std::size_t delivered = 0;  // bytes of the reply handed out so far
+};
+
+thread_local Exchange exchange;
+thread_local std::optional<std::string> lastError;
+
+void endExchange() {
+  // Moving the buffers out releases them now rather than at the thread's end.
+  Exchange finished = std::move(exchange);
+  exchange = Exchange();
+}
+
+int32_t fail(int32_t code, std::string text) {
+  endExchange();
+  lastError = std::move(text);
+  return code;
+}
+
+int32_t outOfTurn(const char* entry) {
+  const bool abandoning = exchange.phase != Phase::kNone;
+  return fail(kCallOutOfTurn, std::string(entry) + " was called out of turn: " +
+                                  describe(exchange.phase) +
+                                  (abandoning ? ". The exchange is abandoned." : "."));
+}
+
+// Runs one entry's work; an exception (memory ran out) becomes a failure result, since none
+// may cross the C interface.
+template <typename Work>
+int32_t guarded(const char* entry, Work work) {
+  try {
+    return work();
+  } catch (const std::exception& e) {
+    return fail(kTransportFault, std::string(entry) + " failed inside the transport (" +
+                                     e.what() + "). The exchange is abandoned.");
+  }
+}
+
+int32_t startExchange(const char* text, bool textForm) {
+  endExchange();
+  const std::string_view request(text);
+  std::size_t blockLength = 0;
+  std::string problem;
+  if (!parseHeaderBlock(request, exchange.headers, blockLength, problem)) {
+    return fail(kMalformedRequest, problem);
+  }
+  if (textForm) {
+    exchange.body.assign(request.substr(blockLength));
+    exchange.phase = Phase::kText;
+  } else if (blockLength != request.size()) {
+    return fail(kMalformedRequest,
+                "Text follows the request's header block; in the stream form the body is sent "
+                "in chunks after the transport has asked for it.");
+  } else {
+    exchange.phase = Phase::kHeaderBlock;
+  }
+  return 0;
+}
+
+// Hands the finished request to the service; 0 once the reply is ready to be read.
+int32_t serve() {
+  const ServiceChoice& service = processService();
+  if (!service.backend) return fail(kServiceUnreachable, service.problem);
+  ServiceResult result = service.backend->handle(exchange.headers, exchange.body);
+  if (result.code != 0) return fail(result.code, std::move(result.text));
+  exchange.reply = std::move(result.text);
+  exchange.phase = Phase::kReply;
+  return 0;
+}
+
+int32_t deliver(char* buffer) {
+  const std::size_t remaining = exchange.reply.size() - exchange.delivered;
+  if (remaining == 0) {
+    std::string().swap(exchange.reply);
+    exchange.delivered = 0;
+    exchange.phase = Phase::kReplyEnded;
+    return kReplyEnd;
+  }
+  const std::size_t count =
+      remaining < KSMEM_RECEIVE_BUFFER_SIZE ? remaining : KSMEM_RECEIVE_BUFFER_SIZE;
+  std::memcpy(buffer, exchange.reply.data() + exchange.delivered, count);
+  exchange.delivered += count;
+  return static_cast<int32_t>(count);
+}
+
+}  // namespace
+}  // namespace Binding
+}  // namespace KsModelEventManager
+}  // namespace Net
+}  // namespace Kestrane
+
+using namespace Kestrane::Net::KsModelEventManager::Binding;
+
+extern "C" {
+
+int32_t KsMem_Init(KsMemAllocFunc, KsMemFreeFunc) {
+  return guarded("KsMem_Init", []() -> int32_t {
+    const ServiceChoice& service = processService();
+    if (service.backend) return 0;
+    lastError = service.problem;
+    return kNoService;
+  });
+}
+
+int32_t KsMem_Term(void) { return 0; }
+
+int32_t KsMem_Send(const char* text) {
+  return guarded("KsMem_Send", [&]() -> int32_t {
+    if (text == nullptr) return fail(kCallOutOfTurn, "KsMem_Send was given no text.");
+    return startExchange(text, true);
+  });
+}
+
+int32_t KsMem_SendNoAck(const char* text) {
+  return guarded("KsMem_SendNoAck", [&]() -> int32_t {
+    if (text == nullptr) return fail(kCallOutOfTurn, "KsMem_SendNoAck was given no text.");
+    if (exchange.phase == Phase::kBody) {
+      exchange.body += text;
+      return 1;  // above 0 lets the body go on, an empty chunk included
+    }
+    const int32_t result = startExchange(text, false);
+    return result < 0 ? result : 1;
+  });
+}
+
+int32_t KsMem_SendEOF(void) {
+  return guarded("KsMem_SendEOF", []() -> int32_t {
+    switch (exchange.phase) {
+      case Phase::kHeaderBlock: exchange.phase = Phase::kHeaderBlockEnded; return 0;
+      case Phase::kBody: exchange.phase = Phase::kBodyEnded; return 0;
+      case Phase::kText: exchange.phase = Phase::kTextEnded; return 0;
+      default: return outOfTurn("KsMem_SendEOF");
+    }
+  });
+}
+
+int32_t KsMem_Receive(char* buffer) {
+  return guarded("KsMem_Receive", [&]() -> int32_t {
+    if (buffer == nullptr) return fail(kCallOutOfTurn, "KsMem_Receive was given no buffer.");
+    switch (exchange.phase) {
+      case Phase::kHeaderBlockEnded:
+        exchange.phase = Phase::kBody;
+        return kBodyWanted;
+      case Phase::kBodyEnded: {
+        const int32_t served = serve();
+        return served < 0 ? served : kGoOnToReply;
+      }
+      case Phase::kTextEnded: {
+        const int32_t served = serve();
+        return served < 0 ? served : deliver(buffer);
+      }
+      case Phase::kReply:
+        return deliver(buffer);
+      case Phase::kReplyEnded:
+        return kReplyEnd;
+      default:
+        return outOfTurn("KsMem_Receive");
+    }
+  });
+}
+
+int32_t KsMem_Complete(void) {
+  return guarded("KsMem_Complete", []() -> int32_t {
+    if (exchange.phase == Phase::kNone) return outOfTurn("KsMem_Complete");
+    endExchange();
+    return 0;
+  });
+}
+
+int32_t KsMem_GetLastError(const char** text) {
+  if (text == nullptr) return kCallOutOfTurn;
+  *text = lastError ? lastError->c_str() : nullptr;
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,39 @@
+// Which service the stand-in transport serves its requests with, as the environment variable
+// KSMEM_SERVICE says:
+//   unset, empty or "embedded"       the service inside this process (EmbeddedService)
+//   "redis://HOST[:PORT][/DB]"       a service kept in Redis (RedisService), reached over TCP;
+//                                    port 6379 and database 0 unless given
+//   "unix:///PATH/TO/SOCKET[?db=N]"  the same, reached through a Unix socket
+// The variable is read once per process, at the first KsMem_Init (or at the first exchange of a
+// caller that skips KsMem_Init); changing it later has no effect. A forked child is a process of
+// its own: it reads the variable again, and it does not share its parent's embedded service.
+//
+// Safe to call from several threads at once.
+#ifndef KSMEM_BINDING_SERVICECHOICE_H_
+#define KSMEM_BINDING_SERVICECHOICE_H_
+
+#include <memory>
+#include <string>
+
+#include "binding/ServiceBackend.h"
+
+namespace Kestrane {
+namespace Net {
+namespace KsModelEventManager {
+namespace Binding {
+
+struct ServiceChoice {
+  std::unique_ptr<ServiceBackend> backend;  // null when KSMEM_SERVICE names no service
+  std::string problem;                      // then a sentence naming the value and the forms
+};
+
+// The choice of the calling process, made at the first call in this process. The reference
+// stays valid for the life of the process.
+const ServiceChoice& processService();
+
+}  // namespace Binding
+}  // namespace KsModelEventManager
+}  // namespace Net
+}  // namespace Kestrane
+
+#endif  // KSMEM_BINDING_SERVICECHOICE_H_
