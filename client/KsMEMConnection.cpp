@@ -1,12 +1,15 @@
 #include "client/KsMEMConnection.h"
 
 #include <mutex>
-#include <sstream>
+#include <istream>
+#include <streambuf>
 
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
 #include "client/KsMEMRequest.h"
+#include "schemas/_2009_06/base/SharedClientIDs.h"
+#include "util/SAXToNodeParser.h"
 
 namespace Kestrane {
 namespace Net {
@@ -35,6 +38,26 @@ void releaseXmlParser() {
 }
 
 const char kServiceName[] = "KsMEMRequest";
+const char kNotRegistered[] = "Client not Registered with Model Event Manager";
+
+// An input stream over a string that the caller keeps alive, so that a body of any size goes
+// to the request without a copy.
+class StringViewStream : private std::streambuf, public std::istream {
+ public:
+  explicit StringViewStream(const std::string& text) : std::istream(this) {
+    char* begin = const_cast<char*>(text.data());  // the get area is only read
+    setg(begin, begin, begin + text.size());
+  }
+};
+
+// Reads the client list of a reply document and appends it to `sharedClients`; leaves the list
+// untouched when the reply cannot be read.
+void appendSharedClients(const std::string& reply, std::vector<std::string>& sharedClients) {
+  Schemas::KsModelEventManager::_2009_06::Base::SharedClientIDs clients;
+  Util::SAXToNodeParser parser;
+  clients.parse(*parser.parseString(reply));
+  clients.getSharedClients(sharedClients);
+}
 
 }  // namespace
 
@@ -85,19 +108,68 @@ void KsMEMConnection::termKsMem() {
   transportInitialised = false;
 }
 
+std::string KsMEMConnection::exchange(std::string operationName, std::string logCorrelationID,
+                                      bool sendIdentity, const std::string& body) {
+  KsMEMRequest request;
+  setRequestHeader(request, operationName, logCorrelationID, sendIdentity);
+  StringViewStream bodyStream(body);
+  request.setRequestStream(&bodyStream);
+  return request.exchange();
+}
+
 int KsMEMConnection::getStatus() {
   const std::string body = "KsMEM Status check";
   try {
-    KsMEMRequest request;
-    std::string operationName = "getStatus";
-    std::string logCorrelationID = "KsMEMConnection.getStatus";
-    setRequestHeader(request, operationName, logCorrelationID, false);
-    std::istringstream bodyStream(body);
-    request.setRequestStream(&bodyStream);
-    return request.exchange() == body ? 0 : -2;
+    return exchange("getStatus", "KsMEMConnection.getStatus", false, body) == body ? 0 : -2;
   } catch (const Exception&) {
     throw KsMEMConnectionException(-1, "KsMEM Connection failed");
   }
+}
+
+void KsMEMConnection::registerClient(std::string& serverID, std::string& clientID,
+                                     std::string& locale,
+                                     std::vector<std::string>& sharedClients) {
+  this->serverID = serverID;
+  this->clientID = clientID;
+  this->locale = locale;
+  appendSharedClients(
+      exchange("registerClient", "KsMEMConnection.registerClient", true, "KsMEM register client"),
+      sharedClients);
+}
+
+void KsMEMConnection::unregisterClient(std::vector<std::string>& sharedClients) {
+  try {
+    appendSharedClients(exchange("unregisterClient", "KsMEMConnection.unregisterClient", true,
+                                 "KsMEM unregister client"),
+                        sharedClients);
+  } catch (const Exception& failure) {
+    serverID.clear();
+    clientID.clear();
+    throw Exception(failure);  // deliberately the root class: callers catch Exception here
+  }
+  serverID.clear();
+  clientID.clear();
+}
+
+void KsMEMConnection::getEvents(std::string& events, std::vector<std::string>& sharedClients,
+                                std::string& logCorrelationID) {
+  if (!isClientRegistered()) throw KsMEMProtocolException(-2, kNotRegistered);
+  events = exchange("getEvents", logCorrelationID, true, "Get Events Request");
+  sharedClients.clear();
+  getSharedClients(sharedClients);
+}
+
+void KsMEMConnection::putEvents(std::string& events, std::vector<std::string>& sharedClients,
+                                std::string& logCorrelationID) {
+  if (!isClientRegistered()) throw KsMEMProtocolException(-2, kNotRegistered);
+  appendSharedClients(exchange("putEvents", logCorrelationID, true, events), sharedClients);
+}
+
+void KsMEMConnection::getSharedClients(std::vector<std::string>& sharedClients) {
+  if (!isClientRegistered()) throw new KsMEMProtocolException(-2, kNotRegistered);
+  appendSharedClients(exchange("getSharedClients", "KsMEMConnection.getSharedClients", true,
+                               "KsMEM getClients Operation"),
+                      sharedClients);
 }
 
 }  // namespace Client

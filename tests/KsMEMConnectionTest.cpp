@@ -99,15 +99,4 @@ TEST_F(KsMEMConnectionTest, TransportStartsOncePerConnectionAndCopiesTakeTheFlag
   EXPECT_EQ(0, st::count(st::Term));
 }
 
-TEST_F(KsMEMConnectionTest, OverlappingConnectionsEndInAnyOrder) {
-  auto* first = new KsMEMConnection;
-  KsMEMConnection second(*first);
-  delete first;  // the XML library must stay up for the copy
-  KsMEMConnection third;
-  third = second;
-  st::scriptExchange(kStatusBody);
-
-  EXPECT_EQ(0, second.getStatus());
-}
-
 }  // namespace

@@ -1,6 +1,7 @@
 #include "tests/ScriptedTransport.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -21,6 +22,9 @@ struct State {
   std::string lastErrorText = "scripted failure";
   bool lastErrorIsNull = false;
   int32_t lastErrorResult = 0;
+  size_t position = 0;  // of the next call, KsMem_GetLastError not counted
+  size_t failPosition = SIZE_MAX;
+  int32_t failCode = 0;
 };
 
 State& state() {
@@ -30,6 +34,10 @@ State& state() {
 
 int32_t next(Entry entry, int32_t fallback, char* buffer = nullptr) {
   auto& queue = state().scripts[entry];
+  if (state().position++ == state().failPosition) {
+    if (!queue.empty()) queue.pop_front();
+    return state().failCode;
+  }
   if (queue.empty()) return fallback;
   Result result = std::move(queue.front());
   queue.pop_front();
@@ -65,6 +73,11 @@ void scriptExchange(const std::string& reply) {
   script(Receive, 19);
   script(Receive, 20);
   deliverReply(reply);
+}
+
+void failCall(size_t position, int32_t code) {
+  state().failPosition = position;
+  state().failCode = code;
 }
 
 void setLastError(const char* text, int32_t result) {

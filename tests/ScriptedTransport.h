@@ -33,6 +33,10 @@ void deliverReply(const std::string& reply);
 // A stream-form exchange that wants the body (19), then replies with `reply` (20, deliveries).
 void scriptExchange(const std::string& reply);
 
+// The call at `position` (counting from 0 every call but KsMem_GetLastError) returns `code`
+// in place of what it would have returned; a KsMem_Receive then writes nothing.
+void failCall(size_t position, int32_t code);
+
 // Text and result of KsMem_GetLastError; a null text hands out a null pointer.
 void setLastError(const char* text, int32_t result = 0);
 
