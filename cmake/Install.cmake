@@ -1,0 +1,61 @@
+# Install rules, the CMake package, the pkg-config file and the Debian package.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(KSMEM_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/KsMemCppBinding)
+set(KSMEM_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KsMemCppBinding)
+
+# The headers of the exported classes and what they include; the rest stays internal.
+set(KSMEM_PUBLIC_HEADERS
+  client/KsMEMConnection.h
+  client/Exception.h
+  client/KsMemBinding.h
+  util/Export.h
+  util/DomException.h
+  util/BaseObject.h
+  util/XmlStream.h
+  schemas/_2009_06/base/SharedClientIDs.h)
+foreach(header IN LISTS KSMEM_PUBLIC_HEADERS)
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${header} DESTINATION ${KSMEM_INSTALL_INCLUDEDIR}/${folder})
+endforeach()
+
+install(TARGETS KsMemCppBinding KsMemBinding EXPORT KsMemCppBindingTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${KSMEM_INSTALL_INCLUDEDIR})
+# The client library finds the transport library beside it (LD_LIBRARY_PATH still wins, so
+# another transport of the same name can take its place).
+set_target_properties(KsMemCppBinding PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(ksmem PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+install(TARGETS ksmem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+install(EXPORT KsMemCppBindingTargets
+  NAMESPACE KsMemCppBinding::
+  DESTINATION ${KSMEM_INSTALL_CMAKEDIR})
+configure_package_config_file(cmake/KsMemCppBindingConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KsMemCppBindingConfig.cmake
+  INSTALL_DESTINATION ${KSMEM_INSTALL_CMAKEDIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KsMemCppBindingConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/KsMemCppBindingConfig.cmake
+  ${PROJECT_BINARY_DIR}/KsMemCppBindingConfigVersion.cmake
+  DESTINATION ${KSMEM_INSTALL_CMAKEDIR})
+
+# The prefix is found relative to the .pc file, so the same file serves any install prefix.
+file(RELATIVE_PATH KSMEM_PC_TO_PREFIX "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
+configure_file(cmake/ksmemcppbinding.pc.in ${PROJECT_BINARY_DIR}/ksmemcppbinding.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/ksmemcppbinding.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME ksmemcppbinding)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "C++ client library for the Model Event Manager service")
+set(CPACK_PACKAGE_CONTACT "KsMemCppBinding developers <ksmemcppbinding@localhost>")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
+# Run-time libraries from the binaries; the -dev packages because the CMake package looks up
+# Xerces-C and ICU when an application calls find_package.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libxerces-c-dev (>= 3.2), libicu-dev, pkg-config")
+include(CPack)
