@@ -73,23 +73,6 @@ TEST_F(OperationsTest, RegisterSendsIdentityAndLocaleAndAppendsTheClients) {
             st::sentNoAck());
 }
 
-TEST_F(OperationsTest, FailedRegistrationStillCountsAsRegistered) {
-  std::string server = "S1", client = "alice", locale = "";
-  List clients = {"kept"};
-  st::script(st::Receive, -751);
-
-  EXPECT_THROW(connection.registerClient(server, client, locale, clients),
-               KsMEMProtocolException);
-  EXPECT_EQ(List{"kept"}, clients);
-
-  st::reset();
-  st::scriptExchange("events");
-  st::scriptExchange(clientsReply({}));
-  std::string events, correlation = "c";
-  connection.getEvents(events, clients, correlation);  // goes to the service, not refused
-  EXPECT_EQ("events", events);
-}
-
 TEST_F(OperationsTest, RegisteringWithEmptyServerSendsItAndLeavesTheConnectionUnregistered) {
   registerAs("S1", "alice");
   std::string server = "", client = "alice", locale = "";
@@ -145,29 +128,6 @@ TEST_F(OperationsTest, UnregisterClearsIdentityButKeepsLocale) {
   EXPECT_NE(std::string::npos, st::sentNoAck()[0].find("Server-ID=\r\n"));
 }
 
-TEST_F(OperationsTest, UnregisterFailureArrivesAsPlainExceptionAndClearsIdentity) {
-  registerAs("S1", "alice");
-  List clients = {"kept"};
-  st::script(st::Receive, -3001);
-  st::setLastError("service gone");
-
-  std::string caughtAs;
-  try {
-    connection.unregisterClient(clients);
-  } catch (const KsMEMException&) {
-    caughtAs = "family class";
-  } catch (const Exception& e) {
-    caughtAs = "Exception";
-    EXPECT_EQ("service gone", e.getMessage());
-    EXPECT_EQ(0, e.getType());
-  }
-  EXPECT_EQ("Exception", caughtAs);
-  EXPECT_EQ(List{"kept"}, clients);
-
-  st::reset();
-  EXPECT_TRUE(refusedAsUnregistered(clients)) << "identity must be gone";
-}
-
 TEST_F(OperationsTest, UnreadableUnregisterReplyKeepsTheIdentity) {
   registerAs("S1", "alice");
   List clients;
@@ -213,25 +173,6 @@ TEST_F(OperationsTest, GetEventsReplacesEventsAndClientsThroughTwoExchanges) {
                    {"Service-Name", "KsMEMRequest"}}),
             sent[2]);
   EXPECT_EQ("KsMEM getClients Operation", sent[3]);
-}
-
-TEST_F(OperationsTest, GetEventsFailuresLeaveWhatTheFirstExchangeHadDone) {
-  registerAs("S1", "alice");
-  std::string events = "old", correlation = "";
-  List clients = {"old"};
-
-  st::script(st::Receive, -3016);  // first exchange
-  EXPECT_THROW(connection.getEvents(events, clients, correlation), KsMEMRuntimeException);
-  EXPECT_EQ("old", events);
-  EXPECT_EQ(List{"old"}, clients);
-
-  st::reset();
-  st::scriptExchange("");
-  st::script(st::Receive, -3017);  // second exchange
-  EXPECT_THROW(connection.getEvents(events, clients, correlation), KsMEMProtocolException);
-  EXPECT_EQ("", events);
-  EXPECT_TRUE(clients.empty());
-  EXPECT_NE(std::string::npos, st::sentNoAck()[0].find("Log-Correlation-ID=\r\n"));
 }
 
 TEST_F(OperationsTest, PutEventsSendsTheCallersBytesAndAppendsTheClients) {

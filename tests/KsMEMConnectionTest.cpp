@@ -42,22 +42,6 @@ TEST_F(KsMEMConnectionTest, StatusIsMinusTwoForAnyOtherReply) {
   }
 }
 
-TEST_F(KsMEMConnectionTest, AnyFailureOfStatusBecomesConnectionFailed) {
-  KsMEMConnection connection;
-  for (int32_t code : {-751, -3010, -3001, -1, -5000}) {
-    st::reset();
-    st::script(st::Receive, code);
-    try {
-      connection.getStatus();
-      FAIL() << "no exception for " << code;
-    } catch (const KsMEMConnectionException& e) {
-      EXPECT_EQ(-1, e.getType());
-      EXPECT_EQ("KsMEM Connection failed", e.getMessage());
-    }
-    EXPECT_EQ(0, st::count(st::Complete));
-  }
-}
-
 TEST_F(KsMEMConnectionTest, TransportThatCannotStartIsTriedAgainAtTheNextOperation) {
   KsMEMConnection connection;
   st::script(st::Init, 1003);
