@@ -108,8 +108,8 @@ void KsMEMConnection::termKsMem() {
   transportInitialised = false;
 }
 
-std::string KsMEMConnection::exchange(std::string operationName, std::string logCorrelationID,
-                                      bool sendIdentity, const std::string& body) {
+std::string KsMEMConnection::runRequest(std::string operationName,
+                                        std::string logCorrelationID, bool sendIdentity, const std::string& body) {
   KsMEMRequest request;
   setRequestHeader(request, operationName, logCorrelationID, sendIdentity);
   StringViewStream bodyStream(body);
@@ -120,7 +120,7 @@ std::string KsMEMConnection::exchange(std::string operationName, std::string log
 int KsMEMConnection::getStatus() {
   const std::string body = "KsMEM Status check";
   try {
-    return exchange("getStatus", "KsMEMConnection.getStatus", false, body) == body ? 0 : -2;
+    return runRequest("getStatus", "KsMEMConnection.getStatus", false, body) == body ? 0 : -2;
   } catch (const Exception&) {
     throw KsMEMConnectionException(-1, "KsMEM Connection failed");
   }
@@ -133,13 +133,13 @@ void KsMEMConnection::registerClient(std::string& serverID, std::string& clientI
   this->clientID = clientID;
   this->locale = locale;
   appendSharedClients(
-      exchange("registerClient", "KsMEMConnection.registerClient", true, "KsMEM register client"),
+      runRequest("registerClient", "KsMEMConnection.registerClient", true, "KsMEM register client"),
       sharedClients);
 }
 
 void KsMEMConnection::unregisterClient(std::vector<std::string>& sharedClients) {
   try {
-    appendSharedClients(exchange("unregisterClient", "KsMEMConnection.unregisterClient", true,
+    appendSharedClients(runRequest("unregisterClient", "KsMEMConnection.unregisterClient", true,
                                  "KsMEM unregister client"),
                         sharedClients);
   } catch (const Exception& failure) {
@@ -154,7 +154,7 @@ void KsMEMConnection::unregisterClient(std::vector<std::string>& sharedClients) 
 void KsMEMConnection::getEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationID) {
   if (!isClientRegistered()) throw KsMEMProtocolException(-2, kNotRegistered);
-  events = exchange("getEvents", logCorrelationID, true, "Get Events Request");
+  events = runRequest("getEvents", logCorrelationID, true, "Get Events Request");
   sharedClients.clear();
   getSharedClients(sharedClients);
 }
@@ -162,12 +162,12 @@ void KsMEMConnection::getEvents(std::string& events, std::vector<std::string>& s
 void KsMEMConnection::putEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationID) {
   if (!isClientRegistered()) throw KsMEMProtocolException(-2, kNotRegistered);
-  appendSharedClients(exchange("putEvents", logCorrelationID, true, events), sharedClients);
+  appendSharedClients(runRequest("putEvents", logCorrelationID, true, events), sharedClients);
 }
 
 void KsMEMConnection::getSharedClients(std::vector<std::string>& sharedClients) {
   if (!isClientRegistered()) throw new KsMEMProtocolException(-2, kNotRegistered);
-  appendSharedClients(exchange("getSharedClients", "KsMEMConnection.getSharedClients", true,
+  appendSharedClients(runRequest("getSharedClients", "KsMEMConnection.getSharedClients", true,
                                "KsMEM getClients Operation"),
                       sharedClients);
 }

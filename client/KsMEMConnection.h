@@ -12,14 +12,18 @@
 //   getStatus         KsMEMConnectionException, type code -1, whatever went wrong below
 //   unregisterClient  plain Exception with the type code and message of the failure below
 //   the other four    the KsMEM* class of the transport failure; KsMEMRuntimeException when
-//                     the request cannot be formed; KsMEMProtocolException, type code -2, when
-//                     the connection is not registered (getEvents, putEvents, and
+//                     the request cannot be formed or the reply exceeds 1 GiB;
+//                     KsMEMProtocolException when the transport breaks its contract (a status
+//                     or a delivery size it may not give), and with type code -2 when the
+//                     connection is not registered (getEvents, putEvents, and
 //                     getSharedClients, which throws it as a pointer the catcher must delete)
 //   reply parsers     Util::DomException when a reply is not the expected XML document
 //
-// Threads: one connection serves one thread at a time. Connections on different threads may be
-// used, constructed, copied and destroyed at once: each live connection holds a share of the
-// process-wide start of the XML library, which ends when the last connection goes.
+// Threads: one connection serves one thread at a time. Connections may be constructed, copied
+// and destroyed on different threads at once: each live connection holds a share of the
+// process-wide start of the XML library, which ends when the last connection goes. Using
+// connections on different threads at once also needs a transport that keeps one exchange per
+// thread, as the stand-in transport does.
 #ifndef KSMEM_CLIENT_KSMEMCONNECTION_H_
 #define KSMEM_CLIENT_KSMEMCONNECTION_H_
 
@@ -80,7 +84,7 @@ class KSMEM_EXPORT KsMEMConnection {
   // Registered means a non-empty server identifier.
   bool isClientRegistered();
   // One whole exchange: a new request with the headers above and `body` as its stream.
-  std::string exchange(std::string operationName, std::string logCorrelationID,
+  std::string runRequest(std::string operationName, std::string logCorrelationID,
                        bool sendIdentity, const std::string& body);
   void initKsMem();
   void termKsMem();

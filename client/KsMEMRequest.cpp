@@ -1,6 +1,8 @@
 #include "client/KsMEMRequest.h"
 
+#include <cstdint>
 #include <cstdlib>
+#include <istream>
 
 #include "client/Exception.h"
 #include "client/KsMemBinding.h"
@@ -14,6 +16,13 @@ namespace Client {
 
 namespace {
 
+// Bytes read from the body stream per chunk.
+constexpr int32_t kChunkSize = 4098;
+// Capacity of the transport's reply buffer, and the first capacity of the gathered reply.
+constexpr int32_t kReplyBufferSize = KSMEM_RECEIVE_BUFFER_SIZE;
+// The largest reply accepted: the gathered length stays a signed 32-bit count.
+constexpr int32_t kMaxReplySize = 1 << 30;
+
 // Statuses of KsMem_Receive while the transport decides about the body.
 constexpr int32_t kBodyWanted = 19;
 constexpr int32_t kNoMoreToSend = 20;
@@ -22,9 +31,6 @@ constexpr int32_t kGoOn = 0;
 constexpr int32_t kEndOfReply = -1;
 // Our own code for a text that could not be handed to the transport.
 constexpr int32_t kNoTextToSend = -3002;
-
-static_assert(KsMEMRequest::kReplyBufferSize == KSMEM_RECEIVE_BUFFER_SIZE,
-              "the reply buffer must be the size the transport fills");
 
 }  // namespace
 
@@ -97,14 +103,13 @@ void KsMEMRequest::sendRequestText(const char* text) {
 
 void KsMEMRequest::sendHeaderBlock() {
   const std::string block = buildHeaderText();
+  const char kConversionFailed[] = "Exception occurred while converting to UTF-8 bytes.";
+  if (block.size() > static_cast<size_t>(INT32_MAX)) throw KsMEMRuntimeException(kConversionFailed);
   std::string utf8;
   try {
-    if (block.size() > static_cast<size_t>(INT32_MAX)) {
-      throw Utf8ConversionException("The header block is too long to convert.");
-    }
     utf8 = Util::toUtf8(block.data(), static_cast<int32_t>(block.size()));
   } catch (const Utf8ConversionException&) {
-    throw KsMEMRuntimeException("Exception occurred while converting to UTF-8 bytes.");
+    throw KsMEMRuntimeException(kConversionFailed);
   }
   const int32_t result = KsMem_SendNoAck(utf8.c_str());
   if (result < 0) throwTransportFailure(result);
@@ -139,20 +144,15 @@ std::string KsMEMRequest::readReply() {
     const int32_t count = receive();
     if (count == kEndOfReply) break;
     if (count < kEndOfReply) throwTransportFailure(count);
+    // A transport that claims more than its buffer holds is not read beyond the buffer.
     if (count > kReplyBufferSize) {
       throw KsMEMProtocolException("The transport delivered " + std::to_string(count) +
                                    " bytes at once, more than its buffer of " +
                                    std::to_string(kReplyBufferSize) + " bytes holds.");
     }
-    const size_t length = reply.size() + static_cast<size_t>(count);
-    if (length > static_cast<size_t>(kMaxReplySize)) {
+    if (reply.size() + static_cast<size_t>(count) > static_cast<size_t>(kMaxReplySize)) {
       throw KsMEMRuntimeException("The reply is too large: it exceeds " +
                                   std::to_string(kMaxReplySize) + " bytes.");
-    }
-    if (length > reply.capacity()) {
-      size_t capacity = reply.capacity();
-      while (capacity < length) capacity *= 2;
-      reply.reserve(capacity);
     }
     reply.append(replyBuffer.get(), static_cast<size_t>(count));
   }

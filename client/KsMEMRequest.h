@@ -13,7 +13,7 @@
 #define KSMEM_CLIENT_KSMEMREQUEST_H_
 
 #include <cstdint>
-#include <istream>
+#include <iosfwd>
 #include <map>
 #include <memory>
 #include <string>
@@ -25,28 +25,24 @@ namespace Client {
 
 class KsMEMRequest {
  public:
-  // Bytes read from the body stream per chunk.
-  static constexpr int32_t kChunkSize = 4098;
-  // Capacity of the transport's reply buffer, and the first capacity of the gathered reply.
-  static constexpr int32_t kReplyBufferSize = 16384;
-  // The largest reply accepted; a longer one fails with KsMEMRuntimeException.
-  static constexpr int32_t kMaxReplySize = 1 << 30;
-
   KsMEMRequest();
   KsMEMRequest(const KsMEMRequest&) = delete;
   KsMEMRequest& operator=(const KsMEMRequest&) = delete;
   ~KsMEMRequest();
 
   // Copies both texts, each up to its first zero byte. A name already present keeps its value.
+  // REQUIRES: neither pointer is null.
   void addHeader(const char* name, const char* value);
   void clearHeaders();
 
   // The request only reads the stream; it never releases it. Replaces an earlier stream.
   void setRequestStream(std::istream* stream);
   // A non-empty text takes precedence over the stream.
+  // REQUIRES: `text` is not null.
   void setRequestBody(const char* text);
 
-  // Sends the request and returns the reply.
+  // Sends the request and returns the reply, at most 1 GiB (a longer one fails with
+  // KsMEMRuntimeException).
   // REQUIRES: the transport was initialised (initialise()).
   std::string exchange();
 

@@ -20,7 +20,7 @@ namespace Client {
 
 // The transport's last error text, copied; a fixed text in its place when the transport has
 // none ("No error message received") or cannot give it ("Could not retrieve last error
-// message.").
+// message."), and an empty text when the call failed yet handed out a text.
 std::string getLastErrorText();
 
 }  // namespace Client

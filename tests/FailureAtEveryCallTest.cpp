@@ -17,11 +17,6 @@ namespace {
 
 const char kLastError[] = "the service says no";
 
-std::string clientsReply(const List& clients) {
-  std::string reply = "<SharedClientIDs>";
-  for (const std::string& client : clients) reply += "<sharedClients>" + client + "</sharedClients>";
-  return reply + "</SharedClientIDs>";
-}
 
 // What the caller holds around one operation.
 struct Arguments {
@@ -45,22 +40,22 @@ std::vector<Operation> operations() {
   return {
       {"getStatus", false, [] { st::scriptExchange("KsMEM Status check"); },
        [](KsMEMConnection& c, Arguments&) { ASSERT_EQ(0, c.getStatus()); }},
-      {"registerClient", false, [] { st::scriptExchange(clientsReply({"me"})); },
+      {"registerClient", false, [] { st::scriptExchange(st::clientsReply({"me"})); },
        [](KsMEMConnection& c, Arguments& a) {
          std::string server = "S", client = "me", locale = "en";
          c.registerClient(server, client, locale, a.clients);
        }},
-      {"unregisterClient", true, [] { st::scriptExchange(clientsReply({"other"})); },
+      {"unregisterClient", true, [] { st::scriptExchange(st::clientsReply({"other"})); },
        [](KsMEMConnection& c, Arguments& a) { c.unregisterClient(a.clients); }},
       {"getEvents", true,
        [] {
          st::scriptExchange(kEvents);
-         st::scriptExchange(clientsReply({"me", "other"}));
+         st::scriptExchange(st::clientsReply({"me", "other"}));
        },
        [](KsMEMConnection& c, Arguments& a) { c.getEvents(a.events, a.clients, a.correlation); }},
-      {"putEvents", true, [] { st::scriptExchange(clientsReply({"other"})); },
+      {"putEvents", true, [] { st::scriptExchange(st::clientsReply({"other"})); },
        [](KsMEMConnection& c, Arguments& a) { c.putEvents(a.events, a.clients, a.correlation); }},
-      {"getSharedClients", true, [] { st::scriptExchange(clientsReply({"me", "other"})); },
+      {"getSharedClients", true, [] { st::scriptExchange(st::clientsReply({"me", "other"})); },
        [](KsMEMConnection& c, Arguments& a) { c.getSharedClients(a.clients); }},
   };
 }
@@ -225,7 +220,7 @@ TEST_P(FailureAtEveryCallTest, FailureOfAnyCallIsReportedAndSurvivedAsDocumented
 
       // The connection works again; its identity is as documented.
       st::reset();
-      st::scriptExchange(clientsReply({"x"}));
+      st::scriptExchange(st::clientsReply({"x"}));
       List clients;
       const bool registeredAfter = name == "registerClient" ||
                                    (operation.needsRegistration && name != "unregisterClient");

@@ -13,13 +13,6 @@ using List = std::vector<std::string>;
 
 namespace {
 
-std::string clientsReply(const List& clients) {
-  std::string reply = "<?xml version=\"1.0\"?><SharedClientIDs xmlns=\"urn:x\">";
-  for (const std::string& client : clients) {
-    reply += "<sharedClients>" + client + "</sharedClients>";
-  }
-  return reply + "</SharedClientIDs>";
-}
 
 // The header block that a request with these headers renders.
 std::string block(const std::vector<std::pair<std::string, std::string>>& headers) {
@@ -34,22 +27,10 @@ class OperationsTest : public ::testing::Test {
 
   // Registers as (server, client, locale) and forgets the calls that took.
   void registerAs(std::string server, std::string client, std::string locale = "") {
-    st::scriptExchange(clientsReply({client}));
+    st::scriptExchange(st::clientsReply({client}));
     List ignored;
     connection.registerClient(server, client, locale, ignored);
     st::reset();
-  }
-
-  // getSharedClients refuses an unregistered connection with a pointer that the catcher owns.
-  bool refusedAsUnregistered(List& clients) {
-    try {
-      connection.getSharedClients(clients);
-    } catch (const KsMEMProtocolException* e) {
-      const bool notRegistered = e->getType() == -2;
-      delete e;
-      return notRegistered;
-    }
-    return false;
   }
 
   KsMEMConnection connection;
@@ -58,7 +39,7 @@ class OperationsTest : public ::testing::Test {
 TEST_F(OperationsTest, RegisterSendsIdentityAndLocaleAndAppendsTheClients) {
   std::string server = "S1", client = "alice", locale = "de_CH";
   List clients = {"x", "y"};
-  st::scriptExchange(clientsReply({"alice", "bob"}));
+  st::scriptExchange(st::clientsReply({"alice", "bob"}));
 
   connection.registerClient(server, client, locale, clients);
 
@@ -77,14 +58,15 @@ TEST_F(OperationsTest, RegisteringWithEmptyServerSendsItAndLeavesTheConnectionUn
   registerAs("S1", "alice");
   std::string server = "", client = "alice", locale = "";
   List clients;
-  st::scriptExchange(clientsReply({}));
+  st::scriptExchange(st::clientsReply({}));
 
   connection.registerClient(server, client, locale, clients);
 
   EXPECT_NE(std::string::npos, st::sentNoAck()[0].find("Server-ID=\r\n"));
   EXPECT_TRUE(clients.empty());
   st::reset();
-  EXPECT_THROW(connection.putEvents(server, clients, server), KsMEMProtocolException);
+  std::string events = "e", correlation = "c";
+  EXPECT_THROW(connection.putEvents(events, clients, correlation), KsMEMProtocolException);
   EXPECT_TRUE(st::calls().empty());
 }
 
@@ -107,7 +89,7 @@ TEST_F(OperationsTest, LocaleGoesOnEveryRequestUntilARegistrationClearsIt) {
 TEST_F(OperationsTest, UnregisterClearsIdentityButKeepsLocale) {
   registerAs("S1", "alice", "en");
   List clients = {"first"};
-  st::scriptExchange(clientsReply({"bob"}));
+  st::scriptExchange(st::clientsReply({"bob"}));
 
   connection.unregisterClient(clients);
 
@@ -122,7 +104,7 @@ TEST_F(OperationsTest, UnregisterClearsIdentityButKeepsLocale) {
             st::sentNoAck());
 
   st::reset();
-  st::scriptExchange(clientsReply({}));
+  st::scriptExchange(st::clientsReply({}));
   connection.unregisterClient(clients);  // never asks whether it is registered
   EXPECT_NE(std::string::npos, st::sentNoAck()[0].find("Client-ID=\r\nLocale=en\r\n"));
   EXPECT_NE(std::string::npos, st::sentNoAck()[0].find("Server-ID=\r\n"));
@@ -141,7 +123,7 @@ TEST_F(OperationsTest, UnreadableUnregisterReplyKeepsTheIdentity) {
   }
 
   st::reset();
-  st::scriptExchange(clientsReply({"bob"}));
+  st::scriptExchange(st::clientsReply({"bob"}));
   connection.getSharedClients(clients);  // still registered
   EXPECT_EQ(List{"bob"}, clients);
 }
@@ -151,7 +133,7 @@ TEST_F(OperationsTest, GetEventsReplacesEventsAndClientsThroughTwoExchanges) {
   std::string events = "old", correlation = "job-9";
   List clients = {"old"};
   st::scriptExchange(std::string("e1\x01\xFF", 4));
-  st::scriptExchange(clientsReply({"alice", "bob"}));
+  st::scriptExchange(st::clientsReply({"alice", "bob"}));
 
   connection.getEvents(events, clients, correlation);
 
@@ -179,7 +161,7 @@ TEST_F(OperationsTest, PutEventsSendsTheCallersBytesAndAppendsTheClients) {
   registerAs("S1", "alice");
   std::string events = std::string(5000, 'e') + "<&\xC3\xA9", correlation = "put-1";
   List clients = {"x"};
-  st::scriptExchange(clientsReply({"bob", "carol"}));
+  st::scriptExchange(st::clientsReply({"bob", "carol"}));
 
   connection.putEvents(events, clients, correlation);
 
@@ -236,7 +218,7 @@ TEST_F(OperationsTest, UnregisteredConnectionIsRefusedWithoutTouchingTheTranspor
 TEST_F(OperationsTest, EmptyClientIdentifierStillCountsAsRegistered) {
   registerAs("S1", "");
   List clients = {"a"};
-  st::scriptExchange(clientsReply({"a"}));
+  st::scriptExchange(st::clientsReply({"a"}));
 
   connection.getSharedClients(clients);
 
@@ -248,11 +230,11 @@ TEST_F(OperationsTest, CopyOfARegisteredConnectionIsIndependent) {
   registerAs("S1", "alice");
   KsMEMConnection copy(connection);
   List clients;
-  st::scriptExchange(clientsReply({}));
+  st::scriptExchange(st::clientsReply({}));
   copy.unregisterClient(clients);
 
   st::reset();
-  st::scriptExchange(clientsReply({"alice"}));
+  st::scriptExchange(st::clientsReply({"alice"}));
   connection.getSharedClients(clients);  // the source is still registered
 
   EXPECT_EQ(List{"alice"}, clients);

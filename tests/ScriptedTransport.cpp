@@ -75,6 +75,14 @@ void scriptExchange(const std::string& reply) {
   deliverReply(reply);
 }
 
+std::string clientsReply(const std::vector<std::string>& clients) {
+  std::string reply = "<?xml version=\"1.0\"?><SharedClientIDs xmlns=\"urn:x\">";
+  for (const std::string& client : clients) {
+    reply += "<sharedClients>" + client + "</sharedClients>";
+  }
+  return reply + "</SharedClientIDs>";
+}
+
 void failCall(size_t position, int32_t code) {
   state().failPosition = position;
   state().failCode = code;

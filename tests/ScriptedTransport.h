@@ -37,6 +37,9 @@ void scriptExchange(const std::string& reply);
 // in place of what it would have returned; a KsMem_Receive then writes nothing.
 void failCall(size_t position, int32_t code);
 
+// A reply document that lists `clients`.
+std::string clientsReply(const std::vector<std::string>& clients);
+
 // Text and result of KsMem_GetLastError; a null text hands out a null pointer.
 void setLastError(const char* text, int32_t result = 0);
 

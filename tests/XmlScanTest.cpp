@@ -22,10 +22,8 @@ TEST(XmlScanTest, RootNamespaceIsEmptyWhereNoneCanBeFound) {
   EXPECT_EQ(getRootNamespace(""), "");
   EXPECT_EQ(getRootNamespace("<?xml"), "");
   EXPECT_EQ(getRootNamespace("<"), "");
-}
-
-TEST(XmlScanTest, RootNamespaceOfATruncatedTextRunsToItsEnd) {
-  EXPECT_EQ(getRootNamespace("<r xmlns=\"urn:cut"), "urn:cut");
+  EXPECT_EQ(getRootNamespace("<a<b:r xmlns:a<b=\"urn:x\">"), "");  // no prefix holds "<"
+  EXPECT_EQ(getRootNamespace("<r xmlns=\"urn:cut"), "urn:cut");  // truncated: runs to the end
   EXPECT_EQ(getRootNamespace("<r xmlns=\""), "");
   EXPECT_EQ(getRootNamespace("<r "), "");
 }
@@ -42,6 +40,8 @@ TEST(XmlScanTest, TagOffsetUsesTheBareLocalNameWithoutAPrefix) {
   EXPECT_EQ(findTagOffset(text, "urn:absent^item", false), text.find("</item>"));
   EXPECT_EQ(findTagOffset("<r><item>x</item></r>", "item", true), 8u);
   EXPECT_EQ(findTagOffset("urn:a<x>", "urn:a^x", true), 7u);  // URI at the very start
+  // What stands between "xmlns:" and the URI is no prefix if it holds markup.
+  EXPECT_EQ(findTagOffset("<r xmlns:<<=\"urn:x\"><a/></r>", "urn:x^a", true), 22u);
 }
 
 TEST(XmlScanTest, TagOffsetIsNposForATagFoundNowhere) {

@@ -1,6 +1,7 @@
 // ksmem: a command-line client of the Model Event Manager service.
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -191,7 +192,11 @@ int main(int argc, char** argv) {
     std::cerr << "ksmem: " << e->getMessage() << " (type " << e->getType() << ")\n";
     delete e;
   } catch (const Util::DomException& e) {
-    std::cerr << "ksmem: unreadable reply: " << e.getMessage();
+    std::cerr << "ksmem: unreadable reply: " << e.getMessage() << "\n";
+  } catch (const std::exception& e) {
+    std::cerr << "ksmem: " << e.what() << "\n";
+  } catch (...) {
+    std::cerr << "ksmem: unexpected failure\n";
   }
   return 1;
 }

@@ -61,8 +61,7 @@ void SAXToNodeParser::setReplaceSubstitutionChars(bool replace) {
   replaceSubstitutionChars = replace;
 }
 
-SAXToNodeParser::SAXToNodeParser()
-    : current(nullptr), depth(0), treeTextBytes(0), treeTextBudget(SIZE_MAX) {
+SAXToNodeParser::SAXToNodeParser() : current(nullptr), depth(0), treeBytes(0), treeBudget(0) {
   securityManager.setEntityExpansionLimit(kMaxEntityExpansions);
 }
 
@@ -79,8 +78,8 @@ void SAXToNodeParser::startParse(const std::string& name) {
   root.reset();
   current = nullptr;
   depth = 0;
-  treeTextBytes = 0;
-  treeTextBudget = SIZE_MAX;
+  treeBytes = 0;
+  treeBudget = SIZE_MAX;
   reader.reset(xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager));
   documentName = name;
   reader->setContentHandler(this);
@@ -96,7 +95,7 @@ XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
   // The reader gets the terminating NUL as part of the buffer; text behind an embedded NUL is
   // not seen.
   const XMLSize_t byteCount = std::strlen(xml.c_str()) + 1;
-  treeTextBudget = kTreeTextAllowance + kMaxTreeTextRatio * byteCount;
+  treeBudget = kTreeAllowance + kMaxTreeRatio * byteCount;
   xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(xml.c_str()), byteCount,
                                     "From-String", false, XMLPlatformUtils::fgMemoryManager);
   reader->parse(source);
@@ -112,16 +111,16 @@ XMLNode* SAXToNodeParser::parseFile(const std::string& systemId) {
 void SAXToNodeParser::startElement(const XMLCh* const uri, const XMLCh* const localname,
                                    const XMLCh* const, const xercesc::Attributes& attrs) {
   if (depth == kMaxDepth) {
-    throw DomException("XML Document '" + documentName + "' nests elements deeper than " +
-                       std::to_string(kMaxDepth) + " levels.\n");
+    throwRefusal("nests elements deeper than " + std::to_string(kMaxDepth) + " levels.\n");
   }
   std::unique_ptr<XMLNode> node(new XMLNode());
   node->name = toNarrowString(localname, false);
   node->namespaceURI = toNarrowString(uri, false);
+  chargeTree(sizeof(XMLNode) + node->name.size() + node->namespaceURI.size());
   for (XMLSize_t i = 0; i < attrs.getLength(); ++i) {
     std::string attributeValue = toNarrowString(attrs.getValue(i), replaceSubstitutionChars);
     std::string attributeName = toNarrowString(attrs.getLocalName(i), false);
-    chargeTreeText(attributeName.size() + attributeValue.size());
+    chargeTree(attributeName.size() + attributeValue.size());
     node->setAttribute(attributeName, attributeValue);
   }
 
@@ -139,17 +138,20 @@ void SAXToNodeParser::startElement(const XMLCh* const uri, const XMLCh* const lo
 void SAXToNodeParser::characters(const XMLCh* const chars, const XMLSize_t) {
   std::string piece = toNarrowString(chars, replaceSubstitutionChars);
   if (current != nullptr) {
-    chargeTreeText(piece.size());
+    chargeTree(piece.size());
     current->value += piece;
   }
 }
 
-void SAXToNodeParser::chargeTreeText(size_t bytes) {
-  treeTextBytes += bytes;
-  if (treeTextBytes > treeTextBudget) {
-    throw DomException("XML Document '" + documentName + "' expands to more than " +
-                       std::to_string(treeTextBudget) + " bytes of text.\n");
+void SAXToNodeParser::chargeTree(size_t bytes) {
+  treeBytes += bytes;
+  if (treeBytes > treeBudget) {
+    throwRefusal("would build a tree of more than " + std::to_string(treeBudget) + " bytes.\n");
   }
+}
+
+void SAXToNodeParser::throwRefusal(const std::string& what) {
+  throw DomException("XML Document '" + documentName + "' " + what);
 }
 
 void SAXToNodeParser::endElement(const XMLCh* const, const XMLCh* const, const XMLCh* const) {

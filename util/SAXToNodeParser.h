@@ -9,16 +9,18 @@
 // the root leave no trace. What an internal DTD subset defines (entities, attribute defaults)
 // arrives as ordinary text and attributes.
 //
-// Replies come from the network, so the reader refuses three things in a document:
+// Replies come from the network, so the reader refuses four things in a document:
 //   - anything outside the document itself: an external entity or an external DTD ends the parse
 //     and nothing is fetched, neither file nor URL; a schema location hint is ignored;
 //   - more than kMaxEntityExpansions entity expansions;
-//   - in a parsed string, more text (values, attribute names and values) than
-//     kTreeTextAllowance plus kMaxTreeTextRatio times the string's length, since attribute
-//     defaults of an internal DTD apply to every element without counting as expansions;
+//   - in a parsed string, a tree (nodes, names, URIs, values, attributes) larger than
+//     kTreeAllowance plus kMaxTreeRatio times the string's length: attribute defaults apply to
+//     every element, and a namespace URI is copied into every node, without counting as
+//     expansions;
 //   - elements nested deeper than kMaxDepth.
 // Every failure, refusals included, leaves parseString/parseFile as a DomException whose message
-// says what and where. Warnings of the reader are dropped.
+// says what went wrong: where, for what the reader finds; in which document, for the refusals
+// of depth and size. Warnings of the reader are dropped.
 //
 // All text is narrowed by toNarrowString into the native code page of the process.
 //
@@ -60,10 +62,10 @@ class SAXToNodeParser : public xercesc::DefaultHandler {
   // Replies use no entities of their own; 1000 is ample for a hand-written internal subset and
   // stops an exponential expansion within milliseconds.
   static constexpr XMLSize_t kMaxEntityExpansions = 1000;
-  // A reply's tree holds less text than the reply itself; the allowance covers the small
+  // A reply's tree is a few times the size of the reply; the allowance covers the small
   // documents whose internal subset legitimately expands.
-  static constexpr size_t kTreeTextAllowance = 1 << 20;
-  static constexpr size_t kMaxTreeTextRatio = 16;
+  static constexpr size_t kTreeAllowance = 1 << 20;
+  static constexpr size_t kMaxTreeRatio = 16;
 
   SAXToNodeParser();
   // Frees the reader, then the tree, in any state but during a parse.
@@ -106,16 +108,18 @@ class SAXToNodeParser : public xercesc::DefaultHandler {
   // Drops the previous tree and reader and sets up a fresh, guarded reader for documentName.
   void startParse(const std::string& name);
   [[noreturn]] void throwParseFailure(const char* label, const xercesc::SAXParseException& failure);
-  // Counts `bytes` more text into the tree; throws DomException past the budget of the parse.
-  void chargeTreeText(size_t bytes);
+  // Counts `bytes` more into the tree; throws DomException past the budget of the parse.
+  void chargeTree(size_t bytes);
+  // "XML Document 'NAME' " followed by `what`.
+  [[noreturn]] void throwRefusal(const std::string& what);
 
   static bool replaceSubstitutionChars;
 
   std::unique_ptr<XMLNode> root;
   XMLNode* current;  // innermost open element, null when none is open
   int depth;         // number of open elements
-  size_t treeTextBytes;
-  size_t treeTextBudget;
+  size_t treeBytes;
+  size_t treeBudget;
   xercesc::SecurityManager securityManager;
   // Declared after root and securityManager, so that it goes before both.
   std::unique_ptr<xercesc::SAX2XMLReader> reader;

@@ -1,5 +1,8 @@
 #include "util/XmlScan.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace Kestrane {
 namespace Net {
 namespace KsModelEventManager {
@@ -8,6 +11,15 @@ namespace Util {
 namespace {
 
 constexpr std::string::size_type npos = std::string::npos;
+
+// Whether `text` could be a namespace prefix: no markup, quote or white space in it. A prefix
+// goes into the pattern that is searched for next; one that held such bytes could match at
+// nearly every position of a hostile text and make that search quadratic.
+bool couldBePrefix(const std::string& text) {
+  return std::none_of(text.begin(), text.end(), [](char c) {
+    return static_cast<unsigned char>(c) <= ' ' || std::strchr("<>&\"'=/", c) != nullptr;
+  });
+}
 
 // The prefix declared right in front of the URI at `uriOffset` ("xmlns:PREFIX=\"URI"), empty
 // for a default namespace or where no "xmlns" stands in front of it.
@@ -20,7 +32,8 @@ std::string declaredPrefix(const std::string& text, std::string::size_type uriOf
   if (xmlns == npos) return std::string();
   std::string::size_type prefixStart = xmlns + (text.compare(xmlns, 6, "xmlns:") == 0 ? 6 : 5);
   if (prefixStart >= end) return std::string();
-  return text.substr(prefixStart, end - prefixStart);
+  std::string prefix = text.substr(prefixStart, end - prefixStart);
+  return couldBePrefix(prefix) ? prefix : std::string();
 }
 
 }  // namespace
@@ -40,6 +53,7 @@ std::string getRootNamespace(const std::string& text) {
 
   std::string name = text.substr(nameStart, blank - nameStart);
   std::string::size_type colon = name.find(':');
+  if (colon != npos && !couldBePrefix(name.substr(0, colon))) return std::string();
   std::string key =
       colon == npos ? std::string("xmlns=\"") : "xmlns:" + name.substr(0, colon) + "=\"";
   std::string::size_type keyOffset = text.find(key, nameStart);
