@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libxerces-c-dev libicu-dev libgtest-dev
-          libbenchmark-dev libhiredis-dev redis-server locales clang libclang-rt-14-dev)
+          libbenchmark-dev libpugixml-dev libhiredis-dev redis-server locales clang
+          libclang-rt-14-dev)
 
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"

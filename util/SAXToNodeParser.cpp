@@ -38,6 +38,20 @@ class TranscodedText {
   char* bytes;
 };
 
+// Whether the native code page writes U+0001 to U+007F as the bytes 0x01 to 0x7F, as every
+// ASCII-based code page does.
+bool nativeCodePageKeepsAscii() {
+  XMLCh ascii[128];
+  for (int i = 0; i < 127; ++i) ascii[i] = static_cast<XMLCh>(i + 1);
+  ascii[127] = 0;
+  TranscodedText narrow(ascii);
+  if (narrow.bytes == nullptr) return false;
+  for (int i = 0; i < 127; ++i) {
+    if (static_cast<unsigned char>(narrow.bytes[i]) != i + 1) return false;
+  }
+  return narrow.bytes[127] == '\0';
+}
+
 }  // namespace
 
 std::string toNarrowString(const XMLCh* text, bool replaceSubstitutionChars) {
@@ -61,7 +75,8 @@ void SAXToNodeParser::setReplaceSubstitutionChars(bool replace) {
   replaceSubstitutionChars = replace;
 }
 
-SAXToNodeParser::SAXToNodeParser() : current(nullptr), depth(0), treeBytes(0), treeBudget(0) {
+SAXToNodeParser::SAXToNodeParser()
+    : current(nullptr), depth(0), treeBytes(0), treeBudget(0), nativeKeepsAscii(false) {
   securityManager.setEntityExpansionLimit(kMaxEntityExpansions);
 }
 
@@ -80,6 +95,7 @@ void SAXToNodeParser::startParse(const std::string& name) {
   depth = 0;
   treeBytes = 0;
   treeBudget = SIZE_MAX;
+  nativeKeepsAscii = nativeCodePageKeepsAscii();
   reader.reset(xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager));
   documentName = name;
   reader->setContentHandler(this);
@@ -114,12 +130,12 @@ void SAXToNodeParser::startElement(const XMLCh* const uri, const XMLCh* const lo
     throwRefusal("nests elements deeper than " + std::to_string(kMaxDepth) + " levels.\n");
   }
   std::unique_ptr<XMLNode> node(new XMLNode());
-  node->name = toNarrowString(localname, false);
-  node->namespaceURI = toNarrowString(uri, false);
+  node->name = narrow(localname, false);
+  node->namespaceURI = narrow(uri, false);
   chargeTree(sizeof(XMLNode) + node->name.size() + node->namespaceURI.size());
   for (XMLSize_t i = 0; i < attrs.getLength(); ++i) {
-    std::string attributeValue = toNarrowString(attrs.getValue(i), replaceSubstitutionChars);
-    std::string attributeName = toNarrowString(attrs.getLocalName(i), false);
+    std::string attributeValue = narrow(attrs.getValue(i), replaceSubstitutionChars);
+    std::string attributeName = narrow(attrs.getLocalName(i), false);
     chargeTree(attributeName.size() + attributeValue.size());
     node->setAttribute(attributeName, attributeValue);
   }
@@ -136,11 +152,31 @@ void SAXToNodeParser::startElement(const XMLCh* const uri, const XMLCh* const lo
 }
 
 void SAXToNodeParser::characters(const XMLCh* const chars, const XMLSize_t) {
-  std::string piece = toNarrowString(chars, replaceSubstitutionChars);
+  std::string piece = narrow(chars, replaceSubstitutionChars);
   if (current != nullptr) {
     chargeTree(piece.size());
     current->value += piece;
   }
+}
+
+// The transcoder takes a lock and makes an allocation per call, which costs more than building
+// the node; element names, namespaces and identifiers in replies are ASCII.
+std::string SAXToNodeParser::narrow(const XMLCh* text, bool replaceSubstitution) const {
+  if (!nativeKeepsAscii || text == nullptr) return toNarrowString(text, replaceSubstitution);
+  std::string result;
+  char piece[128];  // one pass: most names, namespaces and values fit in one piece
+  size_t used = 0;
+  for (const XMLCh* unit = text; *unit != 0; ++unit) {
+    if (*unit >= 0x80) return toNarrowString(text, replaceSubstitution);
+    if (used == sizeof piece) {
+      result.append(piece, used);
+      used = 0;
+    }
+    piece[used++] = static_cast<char>(*unit);
+  }
+  result.append(piece, used);
+  if (replaceSubstitution) std::replace(result.begin(), result.end(), '\x1A', '?');
+  return result;
 }
 
 void SAXToNodeParser::chargeTree(size_t bytes) {

@@ -112,6 +112,9 @@ class SAXToNodeParser : public xercesc::DefaultHandler {
   void chargeTree(size_t bytes);
   // "XML Document 'NAME' " followed by `what`.
   [[noreturn]] void throwRefusal(const std::string& what);
+  // toNarrowString, without the transcoder for text of ASCII characters where the native code
+  // page keeps them as they are.
+  std::string narrow(const XMLCh* text, bool replaceSubstitution) const;
 
   static bool replaceSubstitutionChars;
 
@@ -120,6 +123,7 @@ class SAXToNodeParser : public xercesc::DefaultHandler {
   int depth;         // number of open elements
   size_t treeBytes;
   size_t treeBudget;
+  bool nativeKeepsAscii;  // checked at the start of each parse
   xercesc::SecurityManager securityManager;
   // Declared after root and securityManager, so that it goes before both.
   std::unique_ptr<xercesc::SAX2XMLReader> reader;

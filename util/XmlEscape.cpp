@@ -1,5 +1,7 @@
 #include "util/XmlEscape.h"
 
+#include <algorithm>
+#include <cstring>
 #include <string_view>
 
 namespace Kestrane {
@@ -9,25 +11,35 @@ namespace Util {
 
 namespace {
 
-// Indexed by byte; empty for a byte that passes unchanged.
-struct ReferenceTable {
-  std::string_view entries[256];
-  constexpr ReferenceTable() : entries() {
-    entries[static_cast<unsigned char>('\t')] = "&#9;";
-    entries[static_cast<unsigned char>('\n')] = "&#10;";
-    entries[static_cast<unsigned char>('"')] = "&quot;";
-    entries[static_cast<unsigned char>('%')] = "&#x25;";
-    entries[static_cast<unsigned char>('&')] = "&amp;";
-    entries[static_cast<unsigned char>('\'')] = "&apos;";
-    entries[static_cast<unsigned char>('<')] = "&lt;";
-    entries[static_cast<unsigned char>('>')] = "&gt;";
+// Indexed by byte: what the byte becomes, in the first `length` of seven bytes. An entry is
+// eight bytes, so that escapeXML writes every byte with one fixed-size copy and no branch.
+struct Replacement {
+  char bytes[7] = {};
+  unsigned char length = 1;
+};
+static_assert(sizeof(Replacement) == 8, "a replacement is copied as eight bytes");
+
+struct ReplacementTable {
+  Replacement entries[256];
+  constexpr ReplacementTable() : entries() {
+    for (int byte = 0; byte < 256; ++byte) entries[byte].bytes[0] = static_cast<char>(byte);
+    set('\t', "&#9;");
+    set('\n', "&#10;");
+    set('"', "&quot;");
+    set('%', "&#x25;");
+    set('&', "&amp;");
+    set('\'', "&apos;");
+    set('<', "&lt;");
+    set('>', "&gt;");
+  }
+  constexpr void set(char byte, std::string_view reference) {
+    Replacement& entry = entries[static_cast<unsigned char>(byte)];
+    for (size_t i = 0; i < reference.size(); ++i) entry.bytes[i] = reference[i];
+    entry.length = static_cast<unsigned char>(reference.size());
   }
 };
-constexpr ReferenceTable kEscapes;
-
-std::string_view referenceFor(char byte) {
-  return kEscapes.entries[static_cast<unsigned char>(byte)];
-}
+constexpr ReplacementTable kReplacements;
+constexpr size_t kLongestReplacement = 6;
 
 struct Reference {
   std::string_view name;  // what follows the ampersand, semicolon included
@@ -42,29 +54,39 @@ constexpr Reference kReferences[] = {
 
 }  // namespace
 
-// Both functions copy runs of ordinary bytes whole into a result reserved up front and never
-// edit in place, so a text full of special characters still costs linear time; escapeXML
-// counts the exact size first so that a large result is neither regrown nor copied.
+// Every byte goes through the table as one eight-byte copy, with no branch: a branch on special
+// bytes mispredicts wherever they are mixed in, and counting the exact size first would cost as
+// much as the escaping. The text is escaped window by window into a stack buffer and appended.
 std::string escapeXML(const std::string& text) {
-  std::string::size_type size = text.size();
-  for (char byte : text) {
-    std::string_view reference = referenceFor(byte);
-    if (!reference.empty()) size += reference.size() - 1;
-  }
+  constexpr size_t kWindow = 1024;
+  char escaped[kWindow * kLongestReplacement + sizeof(Replacement)];
   std::string result;
-  result.reserve(size);
-  std::string::size_type runStart = 0;
-  for (std::string::size_type i = 0; i < text.size(); ++i) {
-    std::string_view reference = referenceFor(text[i]);
-    if (reference.empty()) continue;
-    result.append(text, runStart, i - runStart);
-    result.append(reference);
-    runStart = i + 1;
+  result.reserve(text.size());
+  const unsigned char* byte = reinterpret_cast<const unsigned char*>(text.data());
+  const unsigned char* const end = byte + text.size();
+  while (byte != end) {
+    const unsigned char* const windowEnd =
+        byte + std::min(kWindow, static_cast<size_t>(end - byte));
+    char* out = escaped;
+    auto put = [&out](unsigned char in) {
+      const Replacement& replacement = kReplacements.entries[in];
+      std::memcpy(out, &replacement, sizeof replacement);
+      out += replacement.length;
+    };
+    // Eight at a time from a local copy, which the writes through `out` cannot alias.
+    for (; windowEnd - byte >= 8; byte += 8) {
+      unsigned char eight[8];
+      std::memcpy(eight, byte, 8);
+      for (const unsigned char in : eight) put(in);
+    }
+    for (; byte != windowEnd; ++byte) put(*byte);
+    result.append(escaped, static_cast<size_t>(out - escaped));
   }
-  result.append(text, runStart, std::string::npos);
   return result;
 }
 
+// Copies runs of ordinary bytes whole into a result reserved up front and never edits in place,
+// so a text full of references still costs linear time.
 std::string unescapeXML(const std::string& text) {
   std::string result;
   result.reserve(text.size());

@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# Builds the benchmark programs (Release, in build-bench), runs them, and prints each row's
+# figures: the library ("ksmem...") beside every reference measured in the same program and
+# run, as CPU time per iteration (the median of the repetitions) and their ratio, with the
+# target where there is one. Rows without a reference follow with their times as measured.
+# Repetitions of all rows run interleaved in random order, so that a spell of load on a shared
+# machine falls on subject and reference alike.
+#
+# usage: bench/run.sh [REPETITIONS [BENCHMARK_FILTER]]   (default: 5, every row)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+repetitions=${1:-5}
+filter=${2:-.}
+cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build build-bench -j2 --target ksmem_bench ksmem_transport_bench
+
+results=$(mktemp)
+log=$(mktemp)
+trap 'rm -f "$results" "$log"' EXIT
+for program in ksmem_transport_bench ksmem_bench; do
+  # Rows are printed in the order in which the programs list them.
+  "build-bench/bench/$program" --benchmark_list_tests --benchmark_filter="$filter" |
+    sed 's/^/listed /' >>"$results"
+  if ! "build-bench/bench/$program" --benchmark_repetitions="$repetitions" \
+      --benchmark_enable_random_interleaving=true \
+      --benchmark_report_aggregates_only=true --benchmark_format=json \
+      --benchmark_filter="$filter" >>"$results" 2>"$log"; then
+    cat "$log" >&2
+    exit 1
+  fi
+done
+
+# The JSON reporter writes one field per line; each run is an object that starts with "name".
+awk '
+  function ns(value, unit) {
+    return value * (unit == "s" ? 1e9 : unit == "ms" ? 1e6 : unit == "us" ? 1e3 : 1)
+  }
+  function show(t) {
+    if (t < 1e3) return sprintf("%.0f ns", t)
+    if (t < 1e6) return sprintf("%.1f us", t / 1e3)
+    if (t < 1e9) return sprintf("%.2f ms", t / 1e6)
+    return sprintf("%.2f s", t / 1e9)
+  }
+  function target(row, reference) {
+    if (row ~ /^gather_/ && reference == "memcpy") return 3
+    if (row ~ /^send_/ && reference == "memcpy") return 2
+    if (row ~ /^parse_/ && reference == "xerces_sax2_empty") return 2
+    if (row == "escape_1MiB_5pct" && reference == "copy") return 10
+    return 0
+  }
+  function split_name(name) {
+    row = name; who = ""
+    if (match(name, /\/[^\/]*$/)) { row = substr(name, 1, RSTART - 1); who = substr(name, RSTART + 1) }
+    if (!(row in seen)) { seen[row] = 1; rows[++rowCount] = row }
+    if (!((row, who) in member)) { member[row, who] = 1; members[row] = members[row] " " who }
+  }
+  function finish(   key) {
+    if (name == "" || name ~ /_(mean|stddev|cv)$/) { name = ""; return }
+    sub(/_median$/, "", name)
+    split_name(name)
+    key = row SUBSEP who
+    cpu[key] = ns(field["cpu_time"], field["time_unit"])
+    real[key] = ns(field["real_time"], field["time_unit"])
+    faults[key] = ("page_faults" in field) ? field["page_faults"] : ""
+    failed[key] = field["error_occurred"] == "true" ? field["error_message"] : ""
+    name = ""
+  }
+  /^listed / { split_name($2); next }
+  /^ *"[a-z_]+": / {
+    key = $0
+    sub(/^ *"/, "", key); sub(/".*/, "", key)
+    value = $0
+    sub(/^ *"[a-z_]+": /, "", value); sub(/,$/, "", value); gsub(/"/, "", value)
+    if (key == "name") { delete field; name = value }
+    field[key] = value
+    next
+  }
+  /^ *}/ { finish() }
+  END {
+    printf "%-30s %-17s %10s  %-18s %10s %8s  %-7s %s\n", "row", "library", "time", "reference",
+           "time", "ratio", "target", "page faults/iteration"
+    for (r = 1; r <= rowCount; ++r) {
+      row = rows[r]
+      n = split(members[row], names, " ")
+      paired = 0
+      for (s = 1; s <= n; ++s) {
+        if (names[s] !~ /^ksmem/) continue
+        subject = row SUBSEP names[s]
+        for (t = 1; t <= n; ++t) {
+          if (names[t] ~ /^ksmem/) continue
+          reference = row SUBSEP names[t]
+          paired = 1
+          if (failed[subject] != "" || failed[reference] != "") {
+            printf "%-30s %-17s failed: %s%s\n", row, names[s], failed[subject], failed[reference]
+            continue
+          }
+          ratio = cpu[subject] / cpu[reference]
+          goal = target(row, names[t])
+          verdict = goal ? sprintf("<=%dx %s", goal, ratio <= goal ? "met" : "MISSED") : ""
+          pf = faults[subject] != "" ? sprintf("%.0f vs %.0f", faults[subject], faults[reference]) : ""
+          printf "%-30s %-17s %10s  %-18s %10s %7.2fx  %-12s %s\n", row, names[s],
+                 show(cpu[subject]), names[t], show(cpu[reference]), ratio, verdict, pf
+        }
+      }
+      if (!paired) {
+        for (s = 1; s <= n; ++s) {
+          key = row SUBSEP names[s]
+          label = names[s] == "" ? row : row "/" names[s]
+          if (failed[key] != "") printf "%-48s failed: %s\n", label, failed[key]
+          else printf "%-48s %10s CPU, %s real\n", label, show(cpu[key]), show(real[key])
+        }
+      }
+    }
+  }' "$results"
