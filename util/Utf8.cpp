@@ -62,13 +62,16 @@ struct Utf8Conversion {
       *uchars = 0;
       const UChar* ucharSource = ucharBuffer.get();
       const UChar* const ucharLimit = uchars;
+      // Only the last pass may flush: a pass can end between the two halves of a surrogate
+      // pair, which a flush would replace by substitution characters.
+      const bool lastPass = inbound != U_BUFFER_OVERFLOW_ERROR;
       UErrorCode outbound;
       do {
         outbound = U_ZERO_ERROR;
         char* target = byteBuffer.get();
         ucnv_fromUnicode(outOf, &target, byteBuffer.get() + byteCapacity, &ucharSource,
                          ucharLimit, nullptr,
-                         static_cast<size_t>(ucharLimit - ucharSource) <= byteCapacity,
+                         lastPass && static_cast<size_t>(ucharLimit - ucharSource) <= byteCapacity,
                          &outbound);
         *target = 0;
         output.append(byteBuffer.get());
