@@ -4,6 +4,7 @@
 
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "schemas/_2009_06/base/Namespace.h"
@@ -35,59 +36,53 @@ class Probe : public SharedClientIDs {
   mutable int namespaceCalls = 0;
 };
 
-TEST(BaseObjectTest, TheUnrefThatBringsTheCountToZeroDeletesTheObject) {
+// The count, then the entries.
+std::string state(const BaseObject* object) {
+  std::vector<std::string> entries;
+  dynamic_cast<const SharedClientIDs&>(*object).getSharedClients(entries);
+  std::string text = std::to_string(object->askRefCount());
+  for (const std::string& entry : entries) text += " " + entry;
+  return text;
+}
+
+TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletesTheObject) {
   bool deleted = false;
   BaseObject* object = new Probe(&deleted);
-  EXPECT_EQ(object->askRefCount(), 0);
-
-  object->ref();
-  object->ref();
-  object->unref();
-  EXPECT_EQ(object->askRefCount(), 1);
-  EXPECT_FALSE(deleted);
+  std::vector<int> counts = {object->askRefCount()};
+  for (void (BaseObject::*step)() : {&BaseObject::unref, &BaseObject::ref, &BaseObject::ref,
+                                     &BaseObject::ref, &BaseObject::unref}) {
+    (object->*step)();
+    ASSERT_FALSE(deleted) << "deleted after the count was " << counts.back();
+    counts.push_back(object->askRefCount());
+  }
+  EXPECT_EQ(counts, (std::vector<int>{0, -1, 0, 1, 2, 1}));
 
   object->unref();
   EXPECT_TRUE(deleted);
 }
 
-TEST(BaseObjectTest, ACountBelowZeroDeletesNothing) {
-  bool deleted = false;
-  Probe* object = new Probe(&deleted);
-  object->unref();
-  EXPECT_EQ(object->askRefCount(), -1);
-  object->ref();
-  EXPECT_EQ(object->askRefCount(), 0);
-  EXPECT_FALSE(deleted);
-  delete object;
-}
-
-TEST(BaseObjectTest, CloneStartsAtZeroWhileCopiesCarryTheCount) {
-  SharedClientIDs source;
+TEST(BaseObjectTest, CloneStartsAtZeroWhileCopiesAndMovesCarryTheCount) {
+  SharedClientIDs source, assigned, target;
   source.addSharedClientID("a");
-  source.ref();
-  source.ref();
-  source.ref();
+  for (int i = 0; i < 3; ++i) source.ref();
+  target.addSharedClientID("old");
 
   BaseObject* clone = source.clone();
   BaseObject* reallyClone = source.reallyClone();
   SharedClientIDs copy(source);
-  SharedClientIDs assigned;
   assigned = source;
-  const SharedClientIDs& self = assigned;
-  assigned = self;
+  assigned = static_cast<const SharedClientIDs&>(assigned);
+  SharedClientIDs moved(std::move(copy));
+  target = std::move(moved);
+  target = std::move(static_cast<SharedClientIDs&>(target));
 
-  EXPECT_EQ(clone->askRefCount(), 0);
-  EXPECT_EQ(source.askRefCount(), 3);
-  EXPECT_EQ(reallyClone->askRefCount(), 3);
-  EXPECT_EQ(copy.askRefCount(), 3);
-  EXPECT_EQ(assigned.askRefCount(), 3);
-  auto* typed = dynamic_cast<SharedClientIDs*>(clone);
-  ASSERT_NE(typed, nullptr);
-  std::vector<std::string> entries;
-  typed->getSharedClients(entries);
-  assigned.getSharedClients(entries);
-  EXPECT_EQ(entries, (std::vector<std::string>{"a", "a"}));
-
+  EXPECT_EQ(state(clone), "0 a");
+  EXPECT_EQ(state(reallyClone), "3 a");
+  EXPECT_EQ(state(&source), "3 a");
+  EXPECT_EQ(state(&assigned), "3 a");
+  EXPECT_EQ(state(&copy), "3");  // moved from: the count stays, the list goes
+  EXPECT_EQ(state(&moved), "3");
+  EXPECT_EQ(state(&target), "3 a");
   clone->ref();
   clone->unref();
   delete static_cast<SharedClientIDs*>(reallyClone);

@@ -9,21 +9,22 @@
 namespace Kestrane::Net::KsModelEventManager::Util {
 namespace {
 
-TEST(XmlEscapeTest, EscapeReplacesExactlyTheEightSpecialBytes) {
-  EXPECT_EQ(escapeXML("\t\n\"%&'<>"), "&#9;&#10;&quot;&#x25;&amp;&apos;&lt;&gt;");
-  EXPECT_EQ(escapeXML("&amp;"), "&amp;amp;");
-  EXPECT_EQ(escapeXML("a\rb\x01\xC3\xA9z"), "a\rb\x01\xC3\xA9z");
-  EXPECT_EQ(escapeXML(""), "");
-  EXPECT_EQ(escapeXML("plain text"), "plain text");
-}
-
-TEST(XmlEscapeTest, UnescapeResolvesOnlyTheEightReferencesInOnePass) {
-  EXPECT_EQ(unescapeXML("&#9;&#10;&quot;&#x25;&amp;&apos;&lt;&gt;"), "\t\n\"%&'<>");
-  EXPECT_EQ(unescapeXML("&amp;lt;"), "&lt;");
+TEST(XmlEscapeTest, EscapeReplacesTheEightSpecialBytesAndUnescapeOnlyTheirReferencesInOnePass) {
+  const struct {
+    std::string text, escaped;
+  } pairs[] = {
+      {"\t\n\"%&'<>", "&#9;&#10;&quot;&#x25;&amp;&apos;&lt;&gt;"},
+      {"&amp;", "&amp;amp;"},
+      {"a\rb\x01\xC3\xA9z plain", "a\rb\x01\xC3\xA9z plain"},
+      {"", ""},
+  };
+  for (const auto& pair : pairs) {
+    EXPECT_EQ(escapeXML(pair.text), pair.escaped);
+    EXPECT_EQ(unescapeXML(pair.escaped), pair.text);
+  }
   EXPECT_EQ(unescapeXML("&#x25;&#x25;"), "%%");
   EXPECT_EQ(unescapeXML("&foo; &#xA; &#37; &AMP; &#10"), "&foo; &#xA; &#37; &AMP; &#10");
   EXPECT_EQ(unescapeXML("a&&lt;&"), "a&<&");
-  EXPECT_EQ(unescapeXML(""), "");
 }
 
 // Texts drawn from every byte that may stand in an XML document (tab, line feed, carriage

@@ -15,17 +15,15 @@ ChildProcess::ChildProcess(const std::function<std::string()>& work) {
   }
   pid = fork();
   if (pid == 0) {
-    close(ends[0]);
     std::string text;
-    int status = 0;
+    int status = 1;
     try {
       text = work();
+      status = 0;
     } catch (const std::exception& e) {
       text = std::string("the child process threw: ") + e.what();
-      status = 1;
     } catch (...) {
       text = "the child process threw an exception of no standard kind";
-      status = 1;
     }
     for (std::size_t written = 0; written < text.size();) {
       const ssize_t count = write(ends[1], text.data() + written, text.size() - written);

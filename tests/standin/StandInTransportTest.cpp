@@ -17,25 +17,14 @@
 
 namespace {
 
-constexpr int32_t kUnknownClient = -751;
-constexpr int32_t kUnknownOperation = -3017;
-constexpr int32_t kMalformedRequest = -3099;
-constexpr int32_t kCallOutOfTurn = -3016;
-
-struct Outcome {
-  int32_t code = 0;  // 0, or the failure result
-  std::string reply;
-  std::string error;            // the last error text after a failure
-  std::vector<int32_t> pieces;  // the size of every reply delivery
-};
-
 std::string lastError() {
   const char* text = nullptr;
   EXPECT_EQ(KsMem_GetLastError(&text), 0);
   return text != nullptr ? text : "";
 }
 
-Outcome failure(int32_t code) { return {code, "", lastError(), {}}; }
+// What a call gives in place of a reply when it fails: its result and the last error text.
+std::string failure(int32_t code) { return "failed " + std::to_string(code) + ": " + lastError(); }
 
 // The header block as the client library renders it, in name order.
 std::string headerBlock(const std::string& operation, const std::string& serverID = "",
@@ -48,8 +37,7 @@ std::string headerBlock(const std::string& operation, const std::string& serverI
 
 // The reply buffer, with guard bytes behind it that a delivery must not reach.
 struct ReplyBuffer {
-  static constexpr int kGuard = 64;
-  char bytes[KSMEM_RECEIVE_BUFFER_SIZE + kGuard];
+  char bytes[KSMEM_RECEIVE_BUFFER_SIZE + 64];
   ReplyBuffer() { std::fill(std::begin(bytes), std::end(bytes), '#'); }
   bool guardIntact() const {
     return std::all_of(bytes + KSMEM_RECEIVE_BUFFER_SIZE, std::end(bytes),
@@ -57,20 +45,19 @@ struct ReplyBuffer {
   }
 };
 
-Outcome readReply(ReplyBuffer& buffer) {
-  Outcome outcome;
+std::string readReply(ReplyBuffer& buffer) {
+  std::string reply;
   for (int32_t count; (count = KsMem_Receive(buffer.bytes)) != -1;) {
     if (count < 0) return failure(count);
-    EXPECT_TRUE(buffer.guardIntact());
-    outcome.reply.append(buffer.bytes, count);
-    outcome.pieces.push_back(count);
+    if (count > KSMEM_RECEIVE_BUFFER_SIZE || !buffer.guardIntact()) return "delivery too long";
+    reply.append(buffer.bytes, count);
   }
   EXPECT_EQ(KsMem_Complete(), 0);
-  return outcome;
+  return reply;
 }
 
 // One whole exchange in the stream form, the body in chunks of at most 4098 bytes.
-Outcome streamExchange(const std::string& block, const std::string& body) {
+std::string streamExchange(const std::string& block, const std::string& body) {
   ReplyBuffer buffer;
   int32_t result = KsMem_SendNoAck(block.c_str());
   if (result < 0) return failure(result);
@@ -87,12 +74,20 @@ Outcome streamExchange(const std::string& block, const std::string& body) {
   return readReply(buffer);
 }
 
-Outcome call(const std::string& operation, const std::string& serverID,
-             const std::string& clientID, const std::string& body = "request body") {
+// One whole exchange in the text form: header block and body in one send.
+std::string textExchange(const std::string& request) {
+  ReplyBuffer buffer;
+  int32_t result = KsMem_Send(request.c_str());
+  if (result != 0 || (result = KsMem_SendEOF()) != 0) return failure(result);
+  return readReply(buffer);
+}
+
+std::string call(const std::string& operation, const std::string& serverID,
+                 const std::string& clientID, const std::string& body = "request body") {
   return streamExchange(headerBlock(operation, serverID, clientID), body);
 }
 
-Outcome status(const std::string& body) { return call("getStatus", "", "", body); }
+std::string status(const std::string& body) { return call("getStatus", "", "", body); }
 
 std::string sharedClientIDs(const std::vector<std::string>& clients) {
   std::string document = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><SharedClientIDs xmlns=\"";
@@ -111,131 +106,82 @@ std::string everyByte(std::size_t length) {
   return text;
 }
 
-TEST(StandInTransport, InitAndTermSucceedHoweverOftenTheyAreCalled) {
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(KsMem_Init(std::malloc, std::free), 0);
-  EXPECT_EQ(KsMem_Term(), 0);
-  EXPECT_EQ(status("KsMEM Status check").reply, "KsMEM Status check");
+TEST(StandInTransport, BodyComesBackInDeliveriesOfAtMost16384InStreamAndTextForm) {
+  const std::string body = everyByte(40000), text = "first line\r\n\r\n" + body;
+  EXPECT_EQ(status(body), body);
+  EXPECT_EQ(textExchange(headerBlock("getStatus") + text), text);
 }
 
-TEST(StandInTransport, LongBodyGoesInChunksAndLongReplyComesInPiecesOfAtMost16384) {
-  const std::string body = everyByte(40000);
-  const Outcome outcome = status(body);
-  EXPECT_EQ(outcome.reply, body);
-  EXPECT_EQ(outcome.pieces, (std::vector<int32_t>{16384, 16384, 7232}));
-}
-
-TEST(StandInTransport, EmptyChunkIsTakenAndTheBodyGoesOn) {
-  ReplyBuffer buffer;
-  ASSERT_GE(KsMem_SendNoAck(headerBlock("getStatus").c_str()), 0);
-  ASSERT_EQ(KsMem_SendEOF(), 0);
-  ASSERT_EQ(KsMem_Receive(buffer.bytes), 19);
-  EXPECT_GT(KsMem_SendNoAck(""), 0);
-  EXPECT_GT(KsMem_SendNoAck("abc"), 0);
-  ASSERT_EQ(KsMem_SendEOF(), 0);
-  ASSERT_EQ(KsMem_Receive(buffer.bytes), 20);
-  EXPECT_EQ(readReply(buffer).reply, "abc");
-}
-
-TEST(StandInTransport, TextFormTakesHeaderBlockAndBodyInOneSend) {
-  const std::string body = "first line\r\n\r\n" + everyByte(20000);
-  ReplyBuffer buffer;
-  ASSERT_EQ(KsMem_Send((headerBlock("getStatus") + body).c_str()), 0);
-  ASSERT_EQ(KsMem_SendEOF(), 0);
-  const Outcome outcome = readReply(buffer);
-  EXPECT_EQ(outcome.reply, body);
-  EXPECT_EQ(outcome.pieces, (std::vector<int32_t>{16384, 3630}));
-}
-
-TEST(StandInTransport, TwoClientsExchangeEventsByteForByte) {
-  const std::string server = uniqueServerID("session-server");
-  const std::string first = "<event id=\"1\">&amp;</event>\r\n";
-  const std::string second = everyByte(9000);
-  EXPECT_EQ(call("registerClient", server, "alice").reply, sharedClientIDs({"alice"}));
-  EXPECT_EQ(call("registerClient", server, "bob").reply, sharedClientIDs({"alice", "bob"}));
-  EXPECT_EQ(call("putEvents", server, "alice", first).reply, sharedClientIDs({"bob"}));
-  EXPECT_EQ(call("putEvents", server, "alice", second).reply, sharedClientIDs({"bob"}));
-
-  EXPECT_EQ(call("getEvents", server, "bob").reply, first + second);
-  EXPECT_EQ(call("getEvents", server, "bob").reply, "");
-  EXPECT_EQ(call("getEvents", server, "alice").reply, "");
-  EXPECT_EQ(call("getSharedClients", server, "bob").reply, sharedClientIDs({"alice", "bob"}));
-  EXPECT_EQ(call("unregisterClient", server, "alice").reply, sharedClientIDs({"bob"}));
-  EXPECT_EQ(call("getEvents", server, "alice").code, kUnknownClient);
-  EXPECT_EQ(call("unregisterClient", server, "bob").reply, sharedClientIDs({}));
-}
-
-TEST(StandInTransport, EventsGoOnlyToOtherClientsOfTheSameServer) {
-  const std::string north = uniqueServerID("north"), south = uniqueServerID("south");
-  for (const char* client : {"a", "b", "c"}) call("registerClient", north, client);
-  call("registerClient", south, "a");
-  EXPECT_EQ(call("putEvents", north, "b", "news").reply, sharedClientIDs({"a", "c"}));
-  EXPECT_EQ(call("getEvents", north, "b").reply, "");
-  EXPECT_EQ(call("getEvents", south, "a").reply, "");
-  EXPECT_EQ(call("getEvents", north, "a").reply, "news");
-  EXPECT_EQ(call("getEvents", north, "c").reply, "news");
-}
-
-TEST(StandInTransport, RegisteringAgainKeepsPendingEventsAndUnregisteringDropsThem) {
-  const std::string again = uniqueServerID("again");
-  for (const char* client : {"a", "b", "c"}) call("registerClient", again, client);
-  call("putEvents", again, "c", "event");
-  EXPECT_EQ(call("registerClient", again, "a").reply, sharedClientIDs({"a", "b", "c"}));
-  call("unregisterClient", again, "b");
-  EXPECT_EQ(call("registerClient", again, "b").reply, sharedClientIDs({"a", "c", "b"}));
-  EXPECT_EQ(call("getEvents", again, "a").reply, "event");
-  EXPECT_EQ(call("getEvents", again, "b").reply, "");
-}
-
-TEST(StandInTransport, ClientIDsAreEscapedInTheDocument) {
-  EXPECT_EQ(call("registerClient", uniqueServerID("escape-server"), "a&<>\"'b").reply,
-            sharedClientIDs({"a&amp;&lt;&gt;&quot;&apos;b"}));
+// One session, step by step: who a post is queued for, who gets it, and what registering
+// again, unregistering and a second server change.
+TEST(StandInTransport, ClientsOfAServerReceiveEachOthersEventsOnceWithExactReplyDocuments) {
+  const std::string s = uniqueServerID("session"), t = uniqueServerID("second");
+  const std::string odd = "c&<>\"'", oddXml = "c&amp;&lt;&gt;&quot;&apos;";
+  const std::string first = "<event id=\"1\">&amp;</event>\r\n", second = everyByte(9000);
+  const struct {
+    const std::string& server;
+    std::string operation, client, reply, body = "request body";
+  } steps[] = {
+      {s, "registerClient", "alice", sharedClientIDs({"alice"})},
+      {s, "registerClient", "bob", sharedClientIDs({"alice", "bob"})},
+      {s, "registerClient", odd, sharedClientIDs({"alice", "bob", oddXml})},
+      {t, "registerClient", "alice", sharedClientIDs({"alice"})},
+      {s, "putEvents", "alice", sharedClientIDs({"bob", oddXml}), first},
+      {s, "putEvents", "alice", sharedClientIDs({"bob", oddXml}), second},
+      {s, "registerClient", "bob", sharedClientIDs({"alice", "bob", oddXml})},
+      {s, "getEvents", "bob", first + second},
+      {s, "getEvents", "bob", ""},
+      {s, "getEvents", "alice", ""},
+      {t, "getEvents", "alice", ""},
+      {s, "putEvents", odd, sharedClientIDs({"alice", "bob"}), "news"},
+      {s, "unregisterClient", "bob", sharedClientIDs({"alice", oddXml})},
+      {s, "registerClient", "bob", sharedClientIDs({"alice", oddXml, "bob"})},
+      {s, "getEvents", "bob", ""},
+      {s, "getEvents", "alice", "news"},
+      {s, "getSharedClients", "bob", sharedClientIDs({"alice", oddXml, "bob"})},
+      {s, "unregisterClient", "alice", sharedClientIDs({oddXml, "bob"})},
+      {s, "unregisterClient", odd, sharedClientIDs({"bob"})},
+      {s, "unregisterClient", "bob", sharedClientIDs({})},
+  };
+  for (const auto& step : steps) {
+    EXPECT_EQ(call(step.operation, step.server, step.client, step.body), step.reply)
+        << step.operation << " by " << step.client;
+  }
+  EXPECT_EQ(call("getEvents", s, "alice").rfind("failed -751: ", 0), 0u);
 }
 
 TEST(StandInTransport, RefusedRequestsFailWithTheirCodeAndSayWhy) {
   const std::string known = uniqueServerID("known-server"), other = uniqueServerID("other");
   call("registerClient", known, "known");
   const struct {
-    std::string block;
-    int32_t code;
-    std::string error;
+    std::string block, outcome;
   } refusals[] = {
-      {headerBlock("getEvents", other, "known"), kUnknownClient,
-       "Client \"known\" is not registered with the Model Event Manager under server \"" +
-           other + "\", so it cannot call getEvents; it must call registerClient first."},
-      {headerBlock("fetchEverything", known, "known"), kUnknownOperation,
-       "The Model Event Manager has no operation \"fetchEverything\"."},
-      {headerBlock("registerClient", "", "nobody"), kMalformedRequest,
-       "Client \"nobody\" cannot register without a server identifier: the request's "
-       "\"Server-ID\" header is empty or missing."},
-      {"Service-Name=KsMEMRequest\r\n\r\n", kMalformedRequest,
-       "The request names no operation: its header block has no \"Operation-Name\"."},
-      {"Operation-Name=getStatus\r\nno equals sign\r\n\r\n", kMalformedRequest,
-       "Line 2 of the request's header block (\"no equals sign\") has no \"=\" between name "
-       "and value."},
-      {"Operation-Name=getStatus\r\n\r\nbody too soon", kMalformedRequest,
-       "Text follows the request's header block; in the stream form the body is sent in chunks "
-       "after the transport has asked for it."},
-      {"Operation-Name=getStatus\r\n", kMalformedRequest,
-       "The request's header block is not closed by an empty line (CR LF alone)."},
+      {headerBlock("getEvents", other, "known"),
+       "failed -751: Client \"known\" is not registered with the Model Event Manager under "
+       "server \"" + other + "\", so it cannot call getEvents; it must call registerClient first."},
+      {headerBlock("fetchEverything", known, "known"),
+       "failed -3017: The Model Event Manager has no operation \"fetchEverything\"."},
+      {headerBlock("registerClient", "", "nobody"),
+       "failed -3099: Client \"nobody\" cannot register without a server identifier: the "
+       "request's \"Server-ID\" header is empty or missing."},
+      {"Service-Name=KsMEMRequest\r\n\r\n",
+       "failed -3099: The request names no operation: its header block has no "
+       "\"Operation-Name\"."},
+      {"Operation-Name=getStatus\r\nno equals sign\r\n\r\n",
+       "failed -3099: Line 2 of the request's header block (\"no equals sign\") has no \"=\" "
+       "between name and value."},
+      {"Operation-Name=getStatus\r\n\r\nbody too soon",
+       "failed -3099: Text follows the request's header block; in the stream form the body is "
+       "sent in chunks after the transport has asked for it."},
+      {"Operation-Name=getStatus\r\n",
+       "failed -3099: The request's header block is not closed by an empty line (CR LF alone)."},
   };
   for (const auto& refusal : refusals) {
-    const Outcome outcome = streamExchange(refusal.block, "body");
-    EXPECT_EQ(outcome.code, refusal.code) << refusal.block;
-    EXPECT_EQ(outcome.error, refusal.error);
+    EXPECT_EQ(streamExchange(refusal.block, "body"), refusal.outcome) << refusal.block;
   }
   for (const char* operation : {"unregisterClient", "putEvents", "getSharedClients"}) {
-    EXPECT_EQ(call(operation, known, "stranger").code, kUnknownClient) << operation;
+    EXPECT_EQ(call(operation, known, "stranger").rfind("failed -751: ", 0), 0u) << operation;
   }
-}
-
-TEST(StandInTransport, LastErrorBelongsToTheThreadThatFailed) {
-  EXPECT_LT(KsMem_Complete(), 0);
-  const char* text = "unset";
-  int32_t result = 1;
-  std::thread([&] { result = KsMem_GetLastError(&text); }).join();
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(text, nullptr);
-  EXPECT_NE(lastError(), "");
 }
 
 TEST(StandInTransport, AbandonedExchangeGivesWayToTheNextOne) {
@@ -253,37 +199,31 @@ TEST(StandInTransport, AbandonedExchangeGivesWayToTheNextOne) {
         if (step == 'C') KsMem_Complete();
         if (step == 'T') KsMem_Send((block + everyByte(40000)).c_str());
       }
-      if (textForm) {
-        ASSERT_EQ(KsMem_Send((block + "fresh").c_str()), 0);
-        ASSERT_EQ(KsMem_SendEOF(), 0);
-        EXPECT_EQ(readReply(buffer).reply, "fresh") << steps;
-      } else {
-        EXPECT_EQ(status("fresh").reply, "fresh") << steps;
-      }
+      EXPECT_EQ(textForm ? textExchange(block + "fresh") : status("fresh"), "fresh") << steps;
     }
   }
 }
 
-TEST(StandInTransport, ExchangeInProgressIsInvisibleToOtherThreads) {
+TEST(StandInTransport, ExchangeInProgressTakesEmptyChunksAndIsInvisibleToOtherThreads) {
   ReplyBuffer buffer;
   ASSERT_GE(KsMem_SendNoAck(headerBlock("getStatus").c_str()), 0);
   ASSERT_EQ(KsMem_SendEOF(), 0);
   ASSERT_EQ(KsMem_Receive(buffer.bytes), 19);
   ASSERT_GT(KsMem_SendNoAck("main "), 0);
+  ASSERT_GT(KsMem_SendNoAck(""), 0);
 
-  Outcome other;
+  std::string other;
   std::thread([&] { other = status("other thread"); }).join();
 
   ASSERT_GT(KsMem_SendNoAck("thread"), 0);
   ASSERT_EQ(KsMem_SendEOF(), 0);
   ASSERT_EQ(KsMem_Receive(buffer.bytes), 20);
-  EXPECT_EQ(readReply(buffer).reply, "main thread");
-  EXPECT_EQ(other.reply, "other thread");
+  EXPECT_EQ(readReply(buffer), "main thread");
+  EXPECT_EQ(other, "other thread");
 }
 
 TEST(StandInTransport, ClientsOnTwoThreadsAtOnceReceiveEachOthersEventsInOrder) {
-  const std::string server = uniqueServerID("busy-server");
-  const std::string names[2] = {"left", "right"};
+  const std::string server = uniqueServerID("busy-server"), names[2] = {"left", "right"};
   const auto event = [](int thread, int i) {
     return std::string(3000 + i % 3000, static_cast<char>('a' + thread)) + std::to_string(i);
   };
@@ -291,22 +231,22 @@ TEST(StandInTransport, ClientsOnTwoThreadsAtOnceReceiveEachOthersEventsInOrder) 
   std::atomic<int> waiting{2};
   std::string received[2];
   int wrongReplies[2] = {0, 0};
-  std::vector<std::thread> threads;
+  std::thread threads[2];
   for (int t = 0; t < 2; ++t) {
-    threads.emplace_back([&, t] {
+    threads[t] = std::thread([&, t] {
       call("registerClient", server, names[t]);
       for (--waiting; waiting > 0;) std::this_thread::yield();
       for (int i = 0; i < kEvents; ++i) {
-        const Outcome put = call("putEvents", server, names[t], event(t, i));
-        if (put.reply != sharedClientIDs({names[1 - t]})) ++wrongReplies[t];
-        received[t] += call("getEvents", server, names[t]).reply;
+        const std::string put = call("putEvents", server, names[t], event(t, i));
+        if (put != sharedClientIDs({names[1 - t]})) ++wrongReplies[t];
+        received[t] += call("getEvents", server, names[t]);
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
 
   for (int t = 0; t < 2; ++t) {
-    received[t] += call("getEvents", server, names[t]).reply;
+    received[t] += call("getEvents", server, names[t]);
     std::string sent;
     for (int i = 0; i < kEvents; ++i) sent += event(1 - t, i);
     EXPECT_EQ(wrongReplies[t], 0);
@@ -314,29 +254,33 @@ TEST(StandInTransport, ClientsOnTwoThreadsAtOnceReceiveEachOthersEventsInOrder) 
   }
 }
 
-TEST(StandInTransport, CallsOutOfTurnFailCleanly) {
+TEST(StandInTransport, CallsOutOfTurnFailCleanlyAndLeaveTheServiceUsable) {
   ReplyBuffer buffer;
-  char* const reply = buffer.bytes;
   const std::string block = headerBlock("getStatus");
-  EXPECT_EQ(KsMem_Receive(reply), kCallOutOfTurn);
-  EXPECT_EQ(lastError(),
-            "KsMem_Receive was called out of turn: no exchange is in progress on this thread.");
-  EXPECT_EQ(KsMem_SendEOF(), kCallOutOfTurn);
-  EXPECT_EQ(KsMem_Complete(), kCallOutOfTurn);
+  EXPECT_EQ(failure(KsMem_Receive(buffer.bytes)),
+            "failed -3016: KsMem_Receive was called out of turn: no exchange is in progress on "
+            "this thread.");
+  const char* otherThreadsError = "unset";
+  std::thread([&] { EXPECT_EQ(KsMem_GetLastError(&otherThreadsError), 0); }).join();
+  EXPECT_EQ(otherThreadsError, nullptr);  // the text belongs to the thread that failed
+  EXPECT_EQ(KsMem_SendEOF(), -3016);
+  EXPECT_EQ(KsMem_Complete(), -3016);
 
   KsMem_SendNoAck(block.c_str());
-  EXPECT_EQ(KsMem_Receive(reply), kCallOutOfTurn);
-  EXPECT_EQ(lastError(), "KsMem_Receive was called out of turn: the header block has not yet "
-                         "been ended by KsMem_SendEOF. The exchange is abandoned.");
+  EXPECT_EQ(failure(KsMem_Receive(buffer.bytes)),
+            "failed -3016: KsMem_Receive was called out of turn: the header block has not yet "
+            "been ended by KsMem_SendEOF. The exchange is abandoned.");
   KsMem_Send((block + "x").c_str());
   KsMem_SendEOF();
-  EXPECT_EQ(KsMem_SendEOF(), kCallOutOfTurn);
+  EXPECT_EQ(KsMem_SendEOF(), -3016);
 
   EXPECT_LT(KsMem_Send(nullptr), 0);
   EXPECT_LT(KsMem_SendNoAck(nullptr), 0);
   EXPECT_LT(KsMem_Receive(nullptr), 0);
   EXPECT_LT(KsMem_GetLastError(nullptr), 0);
-  EXPECT_EQ(status("still served").reply, "still served");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(KsMem_Init(std::malloc, std::free), 0);
+  EXPECT_EQ(KsMem_Term(), 0);
+  EXPECT_EQ(status("still served"), "still served");
 }
 
 }  // namespace
