@@ -1,11 +1,11 @@
 // escapeXML of 1 MiB of text with 0 %, 5 % and 50 % special bytes, beside a plain copy of the
 // same text, in the same run. Both make a new string in every iteration, so both get their
 // memory from the allocator alike (the page_faults counter shows whether it came back warm).
+#include <benchmark/benchmark.h>
+
 #include <random>
 #include <string>
 #include <string_view>
-
-#include <benchmark/benchmark.h>
 
 #include "bench/PageFaults.h"
 #include "util/XmlEscape.h"

@@ -5,9 +5,8 @@
 #ifndef KSMEM_BENCH_PAGEFAULTS_H_
 #define KSMEM_BENCH_PAGEFAULTS_H_
 
-#include <sys/resource.h>
-
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 
 class PageFaultCounter {
  public:

@@ -9,14 +9,13 @@
 // tree (some 270 bytes a client) is built in warm memory, as the references' memory is, and
 // again in fresh pages for the larger replies (ksmem_fresh_tree: the freed memory goes back to
 // the system between iterations, as the allocator does by default once a tree is large).
+#include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <memory>
+#include <pugixml.hpp>
 #include <string>
 #include <vector>
-
-#include <benchmark/benchmark.h>
-#include <pugixml.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/sax2/DefaultHandler.hpp>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
@@ -29,8 +28,8 @@
 #include "util/SAXToNodeParser.h"
 
 using Kestrane::Net::KsModelEventManager::Util::SAXToNodeParser;
-using Kestrane::Schemas::KsModelEventManager::_2009_06::Base::SharedClientIDs;
 using Kestrane::Schemas::KsModelEventManager::_2009_06::Base::kBaseNamespaceURI;
+using Kestrane::Schemas::KsModelEventManager::_2009_06::Base::SharedClientIDs;
 
 namespace {
 
@@ -101,8 +100,8 @@ void parseByEmptyHandler(benchmark::State& state, int count) {
     std::unique_ptr<xercesc::SAX2XMLReader> reader(xercesc::XMLReaderFactory::createXMLReader());
     reader->setContentHandler(&handler);
     reader->setErrorHandler(&handler);
-    xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(reply.data()),
-                                      reply.size(), "bench", false);
+    xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(reply.data()), reply.size(),
+                                      "bench", false);
     reader->parse(source);
   });
 }
@@ -130,8 +129,7 @@ const bool registered = [] {
     const std::string row = "parse_" + std::to_string(count) + "_clients/";
     benchmark::RegisterBenchmark((row + "ksmem").c_str(), parseByLibrary, count, false);
     if (count >= 1000) {
-      benchmark::RegisterBenchmark((row + "ksmem_fresh_tree").c_str(), parseByLibrary, count,
-                                   true);
+      benchmark::RegisterBenchmark((row + "ksmem_fresh_tree").c_str(), parseByLibrary, count, true);
     }
     benchmark::RegisterBenchmark((row + "xerces_sax2_empty").c_str(), parseByEmptyHandler, count);
     benchmark::RegisterBenchmark((row + "pugixml").c_str(), parseByPugixml, count);

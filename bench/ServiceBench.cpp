@@ -7,6 +7,7 @@
 // round-trip case runs its connections in a forked child of its own: the benchmark asks the
 // child for one round trip at a time and takes the time that the child measured around it.
 // The Redis cases start a redis-server of their own and are skipped, saying why, without one.
+#include <benchmark/benchmark.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,8 +21,6 @@
 #include <string_view>
 #include <vector>
 
-#include <benchmark/benchmark.h>
-
 #include "client/KsMEMConnection.h"
 #include "tests/standin/RedisServer.h"
 
@@ -30,7 +29,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-const std::string kEvent = "<reading sensor=\"t2\" unit=\"\xC2\xB0" "C\">19.0</reading>";
+const std::string kEvent =
+    "<reading sensor=\"t2\" unit=\"\xC2\xB0"
+    "C\">19.0</reading>";
 
 // A bare Redis client: one command at a time over a plain socket, the whole reply read back,
 // no client library in between.

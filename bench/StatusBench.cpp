@@ -4,11 +4,11 @@
 //                   block to UTF-8 opens in every request
 //   xerces_reader   creating and deleting one Xerces-C SAX2 reader, which every operation with
 //                   an XML reply does once (getStatus has no XML reply, so it does not)
-#include <cstdlib>
-#include <memory>
-
 #include <benchmark/benchmark.h>
 #include <unicode/ucnv.h>
+
+#include <cstdlib>
+#include <memory>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 #include <xercesc/sax2/XMLReaderFactory.hpp>
 #include <xercesc/util/PlatformUtils.hpp>

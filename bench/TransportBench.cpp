@@ -15,6 +15,7 @@
 // hand one side warm memory and the other fresh, depending on the history of sizes. Sending
 // writes into warm memory on both sides: the library's 4098-byte chunk buffer, the reference's
 // destination allocated once.
+#include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <cstring>
@@ -23,8 +24,6 @@
 #include <streambuf>
 #include <string>
 #include <string_view>
-
-#include <benchmark/benchmark.h>
 
 #include "bench/PageFaults.h"
 #include "client/KsMEMConnection.h"
@@ -194,7 +193,8 @@ int32_t KsMem_Receive(char* buffer) {
   }
   const size_t remaining = transport.reply.size() - transport.delivered;
   if (remaining == 0) return -1;
-  const size_t count = remaining < KSMEM_RECEIVE_BUFFER_SIZE ? remaining : KSMEM_RECEIVE_BUFFER_SIZE;
+  const size_t count =
+      remaining < KSMEM_RECEIVE_BUFFER_SIZE ? remaining : KSMEM_RECEIVE_BUFFER_SIZE;
   std::memcpy(buffer, transport.reply.data() + transport.delivered, count);
   transport.delivered += count;
   return static_cast<int32_t>(count);

@@ -54,15 +54,24 @@ enum class Phase {
 
 const char* describe(Phase phase) {
   switch (phase) {
-    case Phase::kNone: return "no exchange is in progress on this thread";
-    case Phase::kHeaderBlock: return "the header block has not yet been ended by KsMem_SendEOF";
-    case Phase::kHeaderBlockEnded: return "the status after the header block has not been read";
-    case Phase::kBody: return "the request body is still being sent";
-    case Phase::kBodyEnded: return "the status after the body has not been read";
-    case Phase::kText: return "the request text has not yet been ended by KsMem_SendEOF";
-    case Phase::kTextEnded: return "the reply has not been read";
-    case Phase::kReply: return "the reply is being read";
-    case Phase::kReplyEnded: return "the reply has been read and awaits KsMem_Complete";
+    case Phase::kNone:
+      return "no exchange is in progress on this thread";
+    case Phase::kHeaderBlock:
+      return "the header block has not yet been ended by KsMem_SendEOF";
+    case Phase::kHeaderBlockEnded:
+      return "the status after the header block has not been read";
+    case Phase::kBody:
+      return "the request body is still being sent";
+    case Phase::kBodyEnded:
+      return "the status after the body has not been read";
+    case Phase::kText:
+      return "the request text has not yet been ended by KsMem_SendEOF";
+    case Phase::kTextEnded:
+      return "the reply has not been read";
+    case Phase::kReply:
+      return "the reply is being read";
+    case Phase::kReplyEnded:
+      return "the reply has been read and awaits KsMem_Complete";
   }
   return "";
 }
@@ -92,8 +101,8 @@ int32_t fail(int32_t code, std::string text) {
 
 int32_t outOfTurn(const char* entry) {
   const bool abandoning = exchange.phase != Phase::kNone;
-  return fail(kCallOutOfTurn, std::string(entry) + " was called out of turn: " +
-                                  describe(exchange.phase) +
+  return fail(kCallOutOfTurn, std::string(entry) +
+                                  " was called out of turn: " + describe(exchange.phase) +
                                   (abandoning ? ". The exchange is abandoned." : "."));
 }
 
@@ -104,8 +113,8 @@ int32_t guarded(const char* entry, Work work) {
   try {
     return work();
   } catch (const std::exception& e) {
-    return fail(kTransportFault, std::string(entry) + " failed inside the transport (" +
-                                     e.what() + "). The exchange is abandoned.");
+    return fail(kTransportFault, std::string(entry) + " failed inside the transport (" + e.what() +
+                                     "). The exchange is abandoned.");
   }
 }
 
@@ -199,10 +208,17 @@ int32_t KsMem_SendNoAck(const char* text) {
 int32_t KsMem_SendEOF(void) {
   return guarded("KsMem_SendEOF", []() -> int32_t {
     switch (exchange.phase) {
-      case Phase::kHeaderBlock: exchange.phase = Phase::kHeaderBlockEnded; return 0;
-      case Phase::kBody: exchange.phase = Phase::kBodyEnded; return 0;
-      case Phase::kText: exchange.phase = Phase::kTextEnded; return 0;
-      default: return outOfTurn("KsMem_SendEOF");
+      case Phase::kHeaderBlock:
+        exchange.phase = Phase::kHeaderBlockEnded;
+        return 0;
+      case Phase::kBody:
+        exchange.phase = Phase::kBodyEnded;
+        return 0;
+      case Phase::kText:
+        exchange.phase = Phase::kTextEnded;
+        return 0;
+      default:
+        return outOfTurn("KsMem_SendEOF");
     }
   });
 }

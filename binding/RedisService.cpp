@@ -164,9 +164,7 @@ class PipeSignalHeld {
   bool wasPending = false;
 };
 
-timeval timeLimit() {
-  return {static_cast<time_t>(RedisService::kTimeout.count()), 0};
-}
+timeval timeLimit() { return {static_cast<time_t>(RedisService::kTimeout.count()), 0}; }
 
 [[noreturn]] void unreachable(const RedisAddress& address, const char* what,
                               const std::string& reason) {
@@ -174,8 +172,7 @@ timeval timeLimit() {
 }
 
 [[noreturn]] void refused(const RedisAddress& address, const redisReply& error) {
-  throw ServiceFailure{kServiceRefused, "the service at " + address.url +
-                                            " refused the request: " +
+  throw ServiceFailure{kServiceRefused, "the service at " + address.url + " refused the request: " +
                                             std::string(error.str, error.len)};
 }
 
@@ -285,8 +282,7 @@ void RedisService::checkAnswers() {
   if (reply->type == REDIS_REPLY_ERROR) refused(address, *reply);
 }
 
-ClientIDs RedisService::registerClient(const std::string& serverID,
-                                       const std::string& clientID) {
+ClientIDs RedisService::registerClient(const std::string& serverID, const std::string& clientID) {
   const Keys keys(serverID, clientID);
   std::optional<ClientIDs> clients =
       clientsOf(address, runScript(address, kRegister, {keys.clients}, {keys.caller}));
@@ -305,8 +301,8 @@ std::optional<ClientIDs> RedisService::putEvents(const std::string& serverID,
                                                  const std::string& clientID,
                                                  const std::string& event) {
   const Keys keys(serverID, clientID);
-  return clientsOf(address, runScript(address, kPut, {keys.clients},
-                                      {keys.caller, keys.eventsPrefix, event}));
+  return clientsOf(
+      address, runScript(address, kPut, {keys.clients}, {keys.caller, keys.eventsPrefix, event}));
 }
 
 std::optional<std::string> RedisService::getEvents(const std::string& serverID,

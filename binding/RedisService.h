@@ -34,8 +34,8 @@ namespace KsModelEventManager {
 namespace Binding {
 
 struct RedisAddress {
-  std::string url;         // as given; names the service in failure texts
-  std::string host;        // TCP, when socketPath is empty
+  std::string url;   // as given; names the service in failure texts
+  std::string host;  // TCP, when socketPath is empty
   int port = 6379;
   std::string socketPath;  // a Unix socket
   int db = 0;

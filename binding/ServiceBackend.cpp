@@ -19,12 +19,23 @@ std::string headerValue(const RequestHeaders& headers, const char* name) {
 void appendEscaped(std::string& document, const std::string& text) {
   for (const char c : text) {
     switch (c) {
-      case '&': document += "&amp;"; break;
-      case '<': document += "&lt;"; break;
-      case '>': document += "&gt;"; break;
-      case '"': document += "&quot;"; break;
-      case '\'': document += "&apos;"; break;
-      default: document += c;
+      case '&':
+        document += "&amp;";
+        break;
+      case '<':
+        document += "&lt;";
+        break;
+      case '>':
+        document += "&gt;";
+        break;
+      case '"':
+        document += "&quot;";
+        break;
+      case '\'':
+        document += "&apos;";
+        break;
+      default:
+        document += c;
     }
   }
 }
@@ -68,9 +79,9 @@ ServiceResult ServiceBackend::handle(const RequestHeaders& headers, const std::s
     }
     if (operation == "registerClient") {
       if (serverID.empty()) {
-        return {kMalformedRequest,
-                "Client \"" + clientID + "\" cannot register without a server identifier: the "
-                "request's \"Server-ID\" header is empty or missing."};
+        return {kMalformedRequest, "Client \"" + clientID +
+                                       "\" cannot register without a server identifier: the "
+                                       "request's \"Server-ID\" header is empty or missing."};
       }
       return {0, sharedClientIDsDocument(registerClient(serverID, clientID))};
     }
@@ -87,8 +98,7 @@ ServiceResult ServiceBackend::handle(const RequestHeaders& headers, const std::s
     } else if (operation == "getSharedClients") {
       clients = getSharedClients(serverID, clientID);
     } else {
-      return {kUnknownOperation,
-              "The Model Event Manager has no operation \"" + operation + "\"."};
+      return {kUnknownOperation, "The Model Event Manager has no operation \"" + operation + "\"."};
     }
     if (!clients) return unknownClient(serverID, clientID, operation);
     return {0, sharedClientIDsDocument(*clients)};

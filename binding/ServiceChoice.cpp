@@ -56,9 +56,9 @@ std::optional<RedisAddress> redisAddress(std::string_view url) {
     const std::size_t query = path.find('?');
     if (query != std::string_view::npos) {
       const std::string_view parameter = path.substr(query + 1);
-      const std::optional<int> db =
-          parameter.substr(0, 3) == "db=" ? number(parameter.substr(3), 0, 0x7FFFFFFF)
-                                          : std::nullopt;
+      const std::optional<int> db = parameter.substr(0, 3) == "db="
+                                        ? number(parameter.substr(3), 0, 0x7FFFFFFF)
+                                        : std::nullopt;
       if (!db) return std::nullopt;
       address.db = *db;
       path = path.substr(0, query);

@@ -1,9 +1,8 @@
 #include "client/KsMEMConnection.h"
 
-#include <mutex>
 #include <istream>
+#include <mutex>
 #include <streambuf>
-
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
@@ -26,8 +25,8 @@ int xmlParserUsers = 0;
 void acquireXmlParser() {
   std::lock_guard<std::mutex> lock(xmlParserMutex);
   if (xmlParserUsers == 0) {
-    xercesc::XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale, nullptr,
-                                          nullptr, nullptr);
+    xercesc::XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale, nullptr, nullptr,
+                                          nullptr);
   }
   ++xmlParserUsers;
 }
@@ -108,8 +107,8 @@ void KsMEMConnection::termKsMem() {
   transportInitialised = false;
 }
 
-std::string KsMEMConnection::runRequest(std::string operationName,
-                                        std::string logCorrelationID, bool sendIdentity, const std::string& body) {
+std::string KsMEMConnection::runRequest(std::string operationName, std::string logCorrelationID,
+                                        bool sendIdentity, const std::string& body) {
   KsMEMRequest request;
   setRequestHeader(request, operationName, logCorrelationID, sendIdentity);
   StringViewStream bodyStream(body);
@@ -127,8 +126,7 @@ int KsMEMConnection::getStatus() {
 }
 
 void KsMEMConnection::registerClient(std::string& serverID, std::string& clientID,
-                                     std::string& locale,
-                                     std::vector<std::string>& sharedClients) {
+                                     std::string& locale, std::vector<std::string>& sharedClients) {
   this->serverID = serverID;
   this->clientID = clientID;
   this->locale = locale;
@@ -140,7 +138,7 @@ void KsMEMConnection::registerClient(std::string& serverID, std::string& clientI
 void KsMEMConnection::unregisterClient(std::vector<std::string>& sharedClients) {
   try {
     appendSharedClients(runRequest("unregisterClient", "KsMEMConnection.unregisterClient", true,
-                                 "KsMEM unregister client"),
+                                   "KsMEM unregister client"),
                         sharedClients);
   } catch (const Exception& failure) {
     serverID.clear();
@@ -168,7 +166,7 @@ void KsMEMConnection::putEvents(std::string& events, std::vector<std::string>& s
 void KsMEMConnection::getSharedClients(std::vector<std::string>& sharedClients) {
   if (!isClientRegistered()) throw new KsMEMProtocolException(-2, kNotRegistered);
   appendSharedClients(runRequest("getSharedClients", "KsMEMConnection.getSharedClients", true,
-                               "KsMEM getClients Operation"),
+                                 "KsMEM getClients Operation"),
                       sharedClients);
 }
 

@@ -84,8 +84,8 @@ class KSMEM_EXPORT KsMEMConnection {
   // Registered means a non-empty server identifier.
   bool isClientRegistered();
   // One whole exchange: a new request with the headers above and `body` as its stream.
-  std::string runRequest(std::string operationName, std::string logCorrelationID,
-                       bool sendIdentity, const std::string& body);
+  std::string runRequest(std::string operationName, std::string logCorrelationID, bool sendIdentity,
+                         const std::string& body);
   void initKsMem();
   void termKsMem();
 

@@ -34,14 +34,11 @@ constexpr int32_t kNoTextToSend = -3002;
 
 }  // namespace
 
-KsMEMRequest::KsMEMRequest()
-    : replyBuffer(new char[kReplyBufferSize]), requestStream(nullptr) {}
+KsMEMRequest::KsMEMRequest() : replyBuffer(new char[kReplyBufferSize]), requestStream(nullptr) {}
 
 KsMEMRequest::~KsMEMRequest() = default;
 
-void KsMEMRequest::addHeader(const char* name, const char* value) {
-  headers.emplace(name, value);
-}
+void KsMEMRequest::addHeader(const char* name, const char* value) { headers.emplace(name, value); }
 
 void KsMEMRequest::clearHeaders() { headers.clear(); }
 

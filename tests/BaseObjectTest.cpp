@@ -1,5 +1,3 @@
-#include "util/BaseObject.h"
-
 #include <gtest/gtest.h>
 
 #include <set>
@@ -9,6 +7,7 @@
 
 #include "schemas/_2009_06/base/Namespace.h"
 #include "schemas/_2009_06/base/SharedClientIDs.h"
+#include "util/BaseObject.h"
 #include "util/XmlStream.h"
 
 namespace Kestrane::Net::KsModelEventManager::Util {

@@ -2,9 +2,9 @@
 // that call must reach the caller as the operation documents, leave the caller's arguments and
 // the connection's identity as documented, end the exchange at once, and leave the connection
 // usable. The call sequences come from a recorded successful run of each operation.
-#include <functional>
-
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include "client/KsMEMConnection.h"
 #include "tests/ScriptedTransport.h"
@@ -16,7 +16,6 @@ using List = std::vector<std::string>;
 namespace {
 
 const char kLastError[] = "the service says no";
-
 
 // What the caller holds around one operation.
 struct Arguments {
@@ -55,7 +54,10 @@ std::vector<Operation> operations() {
        [](KsMEMConnection& c, Arguments& a) { c.getEvents(a.events, a.clients, a.correlation); }},
       {"putEvents", true, [] { st::scriptExchange(st::clientsReply({"other"})); },
        [](KsMEMConnection& c, Arguments& a) { c.putEvents(a.events, a.clients, a.correlation); }},
-      {"getSharedClients", true, [] { st::scriptExchange(st::clientsReply({"me", "other"})); },
+      {"getSharedClients", true,
+       [] {
+         st::scriptExchange(st::clientsReply({"me", "other"}));
+       },
        [](KsMEMConnection& c, Arguments& a) { c.getSharedClients(a.clients); }},
   };
 }
@@ -117,10 +119,14 @@ enum class Kind { Connection, Protocol, Runtime, Unrecognised };
 
 Kind kindOfCode(int32_t code) {
   switch (code) {
-    case -2996: return Kind::Connection;
-    case -751: return Kind::Protocol;
-    case -3009: return Kind::Runtime;
-    default: return Kind::Unrecognised;
+    case -2996:
+      return Kind::Connection;
+    case -751:
+      return Kind::Protocol;
+    case -3009:
+      return Kind::Runtime;
+    default:
+      return Kind::Unrecognised;
   }
 }
 
@@ -157,10 +163,14 @@ std::string expectedClass(const Operation& operation, int32_t code) {
   if (std::string(operation.name) == "getStatus") return "connection";
   if (std::string(operation.name) == "unregisterClient") return "Exception";
   switch (kindOfCode(code)) {
-    case Kind::Connection: return "connection";
-    case Kind::Protocol: return "protocol";
-    case Kind::Runtime: return "runtime";
-    case Kind::Unrecognised: return "unrecognised";
+    case Kind::Connection:
+      return "connection";
+    case Kind::Protocol:
+      return "protocol";
+    case Kind::Runtime:
+      return "runtime";
+    case Kind::Unrecognised:
+      return "unrecognised";
   }
   return "";
 }
@@ -222,8 +232,8 @@ TEST_P(FailureAtEveryCallTest, FailureOfAnyCallIsReportedAndSurvivedAsDocumented
       st::reset();
       st::scriptExchange(st::clientsReply({"x"}));
       List clients;
-      const bool registeredAfter = name == "registerClient" ||
-                                   (operation.needsRegistration && name != "unregisterClient");
+      const bool registeredAfter =
+          name == "registerClient" || (operation.needsRegistration && name != "unregisterClient");
       if (registeredAfter) {
         connection.getSharedClients(clients);
         EXPECT_EQ(List{"x"}, clients);

@@ -13,7 +13,6 @@ using List = std::vector<std::string>;
 
 namespace {
 
-
 // The header block that a request with these headers renders.
 std::string block(const std::vector<std::pair<std::string, std::string>>& headers) {
   std::string text;

@@ -1,7 +1,6 @@
-#include "client/KsMEMConnection.h"
-
 #include <gtest/gtest.h>
 
+#include "client/KsMEMConnection.h"
 #include "tests/ScriptedTransport.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
@@ -28,8 +27,8 @@ TEST_F(KsMEMConnectionTest, StatusIsZeroWhenTheServiceEchoesTheBody) {
   EXPECT_EQ(0, connection.getStatus());
 
   using E = st::Entry;
-  EXPECT_EQ((std::vector<E>{E::Init, E::SendNoAck, E::SendEOF, E::Receive, E::SendNoAck,
-                            E::SendEOF, E::Receive, E::Receive, E::Receive, E::Complete}),
+  EXPECT_EQ((std::vector<E>{E::Init, E::SendNoAck, E::SendEOF, E::Receive, E::SendNoAck, E::SendEOF,
+                            E::Receive, E::Receive, E::Receive, E::Complete}),
             st::entries());
   EXPECT_EQ((std::vector<std::string>{kStatusBlock, kStatusBody}), st::sentNoAck());
 }

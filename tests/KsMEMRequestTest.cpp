@@ -1,10 +1,9 @@
-#include "client/KsMEMRequest.h"
+#include <gtest/gtest.h>
 
 #include <sstream>
 
-#include <gtest/gtest.h>
-
 #include "client/Exception.h"
+#include "client/KsMEMRequest.h"
 #include "tests/ScriptedTransport.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
@@ -111,10 +110,9 @@ TEST_F(KsMEMRequestTest, BodyGoesOutInChunksOf4098Bytes) {
     const auto sent = st::sentNoAck();
     std::vector<size_t> chunks;
     for (size_t i = 1; i < sent.size(); ++i) chunks.push_back(sent[i].size());
-    const std::vector<size_t> expected =
-        size == 4098 ? std::vector<size_t>{4098}
-                     : size == 4099 ? std::vector<size_t>{4098, 1}
-                                    : std::vector<size_t>{4098, 4098, 1804};
+    const std::vector<size_t> expected = size == 4098   ? std::vector<size_t>{4098}
+                                         : size == 4099 ? std::vector<size_t>{4098, 1}
+                                                        : std::vector<size_t>{4098, 4098, 1804};
     EXPECT_EQ(expected, chunks) << size;
   }
 }

@@ -1,11 +1,11 @@
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "tests/XercesFixture.h"
 #include "util/DomException.h"
@@ -59,19 +59,22 @@ class SAXToNodeParserDiagnostics : public XercesFixture {
 
 TEST_F(SAXToNodeParserDiagnostics, FailureTextNamesTheDocumentWhereAndWhy) {
   const std::string missing = ::testing::TempDir() + "ksmem_no_such_reply.xml";
-  EXPECT_EQ("Fatal Error: parsing: From-String: line 2, char 6\n"
-            "Message: expected end of tag 'b'\n",
-            failureOf("<a>\n<b></a>"));
-  EXPECT_EQ("Fatal Error: parsing: From-String: line 1, char 1\n"
-            "Message: invalid document structure\n",
-            failureOf(""));
+  EXPECT_EQ(
+      "Fatal Error: parsing: From-String: line 2, char 6\n"
+      "Message: expected end of tag 'b'\n",
+      failureOf("<a>\n<b></a>"));
+  EXPECT_EQ(
+      "Fatal Error: parsing: From-String: line 1, char 1\n"
+      "Message: invalid document structure\n",
+      failureOf(""));
   EXPECT_EQ("XML Document 'From String' nests elements deeper than 256 levels.\n",
             failureOf(nested(SAXToNodeParser::kMaxDepth + 1)));
   EXPECT_EQ("XML Document '" + missing + "' does not exist.\n", failureOf("", missing));
   // A substitution char in the text is replaced whatever the switch says.
   EXPECT_NE(std::string::npos,
             failureOf("<?xml version='1.1'?><!DOCTYPE r [<!ENTITY e SYSTEM 'file:///none\x1A'>]>"
-                      "<r>&e;</r>").find("'file:///none?'"));
+                      "<r>&e;</r>")
+                .find("'file:///none?'"));
 }
 
 TEST_F(SAXToNodeParserDiagnostics, NothingOutsideTheDocumentIsRead) {
@@ -101,7 +104,8 @@ TEST_F(SAXToNodeParserDiagnostics, NothingOutsideTheDocumentIsRead) {
 
   const XMLNode* root = parser.parseString(
       "<r xmlns='urn:a' xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' "
-      "xsi:schemaLocation='urn:a file://" + schema.path + "'><c>1</c></r>");
+      "xsi:schemaLocation='urn:a file://" +
+      schema.path + "'><c>1</c></r>");
   EXPECT_EQ("1", root->getChildren().at(0)->getValue());
   EXPECT_TRUE(root->hasAttribute("schemaLocation"));
 }
@@ -126,13 +130,11 @@ TEST_F(SAXToNodeParserDiagnostics, DocumentsThatWouldGrowBeyondTheBoundsFailFast
       {laughs.str() + "<r>&l9;</r>", "more than '1000' entity expansions"},
       {laughs.str() + "<r a='&l9;'/>", "more than '1000' entity expansions"},
       // A 100 KiB attribute default on each of 10000 elements: 1 GiB from 140 KiB.
-      {"<!DOCTYPE r [<!ATTLIST e d CDATA '" + kb100 + "'>]><r>" + manyElements + "</r>",
-       hugeTree},
+      {"<!DOCTYPE r [<!ATTLIST e d CDATA '" + kb100 + "'>]><r>" + manyElements + "</r>", hugeTree},
       // A 100 KiB namespace URI copied into each of 10000 nodes.
       {"<r xmlns='urn:" + kb100 + "'>" + manyElements + "</r>", hugeTree},
       // An entity of 100 elements, used 990 times: under the expansion limit.
-      {"<!DOCTYPE r [<!ENTITY e '" + manyElements.substr(0, 400) + "'>]><r>" + entityUses +
-           "</r>",
+      {"<!DOCTYPE r [<!ENTITY e '" + manyElements.substr(0, 400) + "'>]><r>" + entityUses + "</r>",
        hugeTree},
   };
   for (const auto& document : documents) {

@@ -1,11 +1,10 @@
-#include "util/SAXToNodeParser.h"
+#include <gtest/gtest.h>
 
 #include <string>
 
-#include <gtest/gtest.h>
-
 #include "tests/XercesFixture.h"
 #include "util/DomException.h"
+#include "util/SAXToNodeParser.h"
 #include "util/XMLNode.h"
 
 using Kestrane::Net::KsModelEventManager::Util::DomException;

@@ -1,5 +1,3 @@
-#include "schemas/_2009_06/base/SharedClientIDs.h"
-
 #include <gtest/gtest.h>
 
 #include <set>
@@ -7,6 +5,7 @@
 #include <vector>
 
 #include "schemas/_2009_06/base/Namespace.h"
+#include "schemas/_2009_06/base/SharedClientIDs.h"
 #include "tests/XercesFixture.h"
 #include "util/DomException.h"
 #include "util/SAXToNodeParser.h"
@@ -44,19 +43,19 @@ TEST(SharedClientIDsTest, OutputXMLDeclaresTheNamespaceOnTheFirstElementAndPrefi
   foreign << foreign.startTagOpen("urn:other", "root") << ">";
   objectWith({"y"}).outputXML(foreign, "list");
 
-  EXPECT_EQ(two.str(),
-            "\n<ns0:SharedClientIDs xmlns:ns0=\"" + kUri + "\">"
-            "<ns0:sharedClients>alpha</ns0:sharedClients>"
-            "<ns0:sharedClients>b&lt;c</ns0:sharedClients>"
-            "</ns0:SharedClientIDs>"
-            "\n<ns0:SharedClientIDs><ns0:sharedClients>d</ns0:sharedClients>"
-            "</ns0:SharedClientIDs>");
+  EXPECT_EQ(two.str(), "\n<ns0:SharedClientIDs xmlns:ns0=\"" + kUri +
+                           "\">"
+                           "<ns0:sharedClients>alpha</ns0:sharedClients>"
+                           "<ns0:sharedClients>b&lt;c</ns0:sharedClients>"
+                           "</ns0:SharedClientIDs>"
+                           "\n<ns0:SharedClientIDs><ns0:sharedClients>d</ns0:sharedClients>"
+                           "</ns0:SharedClientIDs>");
   EXPECT_EQ(empty.str(),
             "\n<ns0:SharedClientIDs xmlns:ns0=\"" + kUri + "\"></ns0:SharedClientIDs>");
-  EXPECT_EQ(colonTag.str(),
-            "\n<my:list xmlns:ns0=\"" + kUri + "\">"
-            "<ns0:sharedClients></ns0:sharedClients>"
-            "<ns0:sharedClients>x</ns0:sharedClients></my:list>");
+  EXPECT_EQ(colonTag.str(), "\n<my:list xmlns:ns0=\"" + kUri +
+                                "\">"
+                                "<ns0:sharedClients></ns0:sharedClients>"
+                                "<ns0:sharedClients>x</ns0:sharedClients></my:list>");
   EXPECT_EQ(foreign.str(), "\n<root>\n<list><sharedClients>y</sharedClients></list>");
 }
 
@@ -100,12 +99,15 @@ TEST_F(SharedClientIDsXmlTest, ParseAppendsSharedClientsChildrenUntilTheFirstOth
   } documents[] = {
       {"<r xmlns:o=\"urn:other\"><sharedClients>a</sharedClients><sharedClients/>"
        "<o:sharedClients>b</o:sharedClients></r>",
-       {"x", "a", "", "b"}, ""},
+       {"x", "a", "", "b"},
+       ""},
       {"<r/>", {"x"}, ""},
       {"<r><sharedClients>a</sharedClients><SharedClients>b</SharedClients>"
        "<sharedClients>c</sharedClients></r>",
-       {"x", "a"}, "Unexpected node name: SharedClients"},
-      {"<r><sharedClients>a</sharedClients><sharedClient>b</sharedClient></r>", {"x", "a"},
+       {"x", "a"},
+       "Unexpected node name: SharedClients"},
+      {"<r><sharedClients>a</sharedClients><sharedClient>b</sharedClient></r>",
+       {"x", "a"},
        "Unexpected node name: sharedClient"},
   };
   for (const auto& document : documents) {

@@ -1,11 +1,11 @@
-#include "util/StringConversions.h"
-
 #include <gtest/gtest.h>
 
 #include <locale>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "util/StringConversions.h"
 
 namespace Kestrane::Net::KsModelEventManager::Util {
 namespace {

@@ -1,8 +1,7 @@
-#include "client/TransportFailure.h"
-
 #include <gtest/gtest.h>
 
 #include "client/Exception.h"
+#include "client/TransportFailure.h"
 #include "tests/ScriptedTransport.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;

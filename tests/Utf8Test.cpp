@@ -1,7 +1,7 @@
-#include "util/Utf8.h"
-
 #include <gtest/gtest.h>
+
 #include "client/Exception.h"
+#include "util/Utf8.h"
 
 using namespace Kestrane::Net::KsModelEventManager;
 using Util::fromUtf8;
@@ -36,16 +36,17 @@ TEST_F(Utf8Test, LongInputTakesSeveralPassesInOrder) {
   // Three-byte characters, so that passes of 20480 units end inside a character.
   for (size_t size : {20479u, 20480u, 20481u, 100000u}) {
     std::string text;
-    while (text.size() + 4 <= size) text += "\xE2\x82\xAC" "a";
+    while (text.size() + 4 <= size)
+      text +=
+          "\xE2\x82\xAC"
+          "a";
     text.resize(size, 'x');
     EXPECT_EQ(text, to(text)) << size;
     EXPECT_EQ(text, from(text)) << size;
   }
 }
 
-TEST_F(Utf8Test, ZeroByteCutsThePieceThatHoldsIt) {
-  EXPECT_EQ("ab", to(std::string("ab\0cd", 5)));
-}
+TEST_F(Utf8Test, ZeroByteCutsThePieceThatHoldsIt) { EXPECT_EQ("ab", to(std::string("ab\0cd", 5))); }
 
 TEST_F(Utf8Test, FailedStepNamesTheConverterAndTheError) {
   UErrorCode status = U_ZERO_ERROR;

@@ -1,12 +1,11 @@
-#include "util/XMLNode.h"
+#include <gtest/gtest.h>
 
 #include <sstream>
 #include <string>
 
-#include <gtest/gtest.h>
-
 #include "tests/XercesFixture.h"
 #include "util/SAXToNodeParser.h"
+#include "util/XMLNode.h"
 
 using Kestrane::Net::KsModelEventManager::Util::SAXToNodeParser;
 using Kestrane::Net::KsModelEventManager::Util::XMLNode;
@@ -29,8 +28,7 @@ class XMLNodePrint : public XercesFixture {};
 
 TEST_F(XMLNodePrint, WritesOnlyElementNamesTwoBlanksDeeperPerLevel) {
   SAXToNodeParser parser;
-  XMLNode* root = parser.parseString(
-      "<p:a xmlns:p='urn:x' k='v'>text<b><c>&lt;</c></b><d/></p:a>");
+  XMLNode* root = parser.parseString("<p:a xmlns:p='urn:x' k='v'>text<b><c>&lt;</c></b><d/></p:a>");
   std::ostringstream out;
 
   root->print(out, "  ");

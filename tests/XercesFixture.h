@@ -5,6 +5,7 @@
 #define KSMEM_TESTS_XERCESFIXTURE_H_
 
 #include <gtest/gtest.h>
+
 #include <xercesc/util/PlatformUtils.hpp>
 
 class XercesFixture : public ::testing::Test {

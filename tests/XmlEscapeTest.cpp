@@ -1,10 +1,10 @@
-#include "util/XmlEscape.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
 #include <vector>
+
+#include "util/XmlEscape.h"
 
 namespace Kestrane::Net::KsModelEventManager::Util {
 namespace {

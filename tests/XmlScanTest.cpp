@@ -1,8 +1,8 @@
-#include "util/XmlScan.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "util/XmlScan.h"
 
 namespace Kestrane::Net::KsModelEventManager::Util {
 namespace {
@@ -13,9 +13,9 @@ TEST(XmlScanTest, RootNamespaceComesFromTheRootsOwnDeclarationOrIsEmpty) {
             "urn:p");
   EXPECT_EQ(getRootNamespace("  <r id=\"1\"><c xmlns=\"urn:later\"/></r>"), "urn:later");
   EXPECT_EQ(getRootNamespace("<r xmlns=\"urn:cut"), "urn:cut");  // truncated: runs to the end
-  for (const char* text : {"<r><c xmlns=\"urn:c\"/></r>", "<p:r xmlns=\"urn:d\">", "no markup",
-                           "", "<?xml", "<", "<r xmlns=\"", "<r ",
-                           "<a<b:r xmlns:a<b=\"urn:x\">"}) {  // no prefix holds "<"
+  for (const char* text :
+       {"<r><c xmlns=\"urn:c\"/></r>", "<p:r xmlns=\"urn:d\">", "no markup", "", "<?xml", "<",
+        "<r xmlns=\"", "<r ", "<a<b:r xmlns:a<b=\"urn:x\">"}) {  // no prefix holds "<"
     EXPECT_EQ(getRootNamespace(text), "") << text;
   }
 }

@@ -1,8 +1,8 @@
-#include "util/XmlStream.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "util/XmlStream.h"
 
 namespace Kestrane::Net::KsModelEventManager::Util {
 namespace {
@@ -19,8 +19,9 @@ TEST(XmlStreamTest, PrefixesAreNumberedWithoutGapsAndDeclaredInUriOrderOnTheFirs
       xml.startTag("urn:unknown", "e", {{"z", "1"}, {"a", "2\""}, {"z", "3"}});
   const std::string second = xml.startTagOpen("urn:a", "child");
 
-  EXPECT_EQ(first, "\n<e xmlns:ns2=\"urn:a\" xmlns:ns0=\"urn:b\" xmlns:ns1=\"urn:c\" z=\"1\" "
-                   "a=\"2\"\" z=\"3\">");
+  EXPECT_EQ(first,
+            "\n<e xmlns:ns2=\"urn:a\" xmlns:ns0=\"urn:b\" xmlns:ns1=\"urn:c\" z=\"1\" "
+            "a=\"2\"\" z=\"3\">");
   EXPECT_EQ(second, "\n<ns2:child");
   EXPECT_FALSE(xml.isFirstElement());
   EXPECT_EQ(xml.str(), "");  // markup is returned, not written

@@ -81,13 +81,14 @@ int demo() {
 
   clients.clear();
   bob.registerClient(server, bobID, locale, clients);
-  std::cout << "3. bob registers as (" << server << ", bob): shared clients "
-            << listText(clients) << "\n";
+  std::cout << "3. bob registers as (" << server << ", bob): shared clients " << listText(clients)
+            << "\n";
 
   std::string correlation = "demo-1";
   int step = 4;
   for (std::string event : {"<reading sensor=\"t1\">21.5</reading>",
-                            "<reading sensor=\"t2\">19.0 \xC2\xB0" "C</reading>"}) {
+                            "<reading sensor=\"t2\">19.0 \xC2\xB0"
+                            "C</reading>"}) {
     clients.clear();
     alice.putEvents(event, clients, correlation);
     std::cout << step++ << ". alice posts " << event << ": queued for " << listText(clients)

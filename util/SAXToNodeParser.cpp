@@ -5,7 +5,6 @@
 #include <cstring>
 #include <iostream>
 #include <sstream>
-
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/sax/SAXParseException.hpp>
 #include <xercesc/sax2/Attributes.hpp>

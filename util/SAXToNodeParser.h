@@ -36,7 +36,6 @@
 
 #include <memory>
 #include <string>
-
 #include <xercesc/sax2/DefaultHandler.hpp>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 #include <xercesc/util/SecurityManager.hpp>
@@ -98,8 +97,8 @@ class SAXToNodeParser : public xercesc::DefaultHandler {
   void ignorableWhitespace(const XMLCh* const, const XMLSize_t) override {}
   void processingInstruction(const XMLCh* const, const XMLCh* const) override {}
   void startDocument() override {}
-  void startElement(const XMLCh* const uri, const XMLCh* const localname,
-                    const XMLCh* const qname, const xercesc::Attributes& attrs) override;
+  void startElement(const XMLCh* const uri, const XMLCh* const localname, const XMLCh* const qname,
+                    const xercesc::Attributes& attrs) override;
   void warning(const xercesc::SAXParseException&) override {}
   void error(const xercesc::SAXParseException& failure) override;
   void fatalError(const xercesc::SAXParseException& failure) override;

@@ -1,8 +1,8 @@
 #include "util/Utf8.h"
 
-#include <memory>
-
 #include <unicode/utypes.h>
+
+#include <memory>
 
 #include "client/Exception.h"
 
@@ -43,8 +43,8 @@ struct Utf8Conversion {
     nativeConverter.reset(ucnv_open(nullptr, &status));
     if (status <= U_ZERO_ERROR) utf8Converter.reset(ucnv_open("UTF-8", &status));
     if (status > U_ZERO_ERROR) {
-      throw Utf8ConversionException(std::string("Error opening converter ") +
-                                    u_errorName(status) + "\n");
+      throw Utf8ConversionException(std::string("Error opening converter ") + u_errorName(status) +
+                                    "\n");
     }
   }
 
@@ -57,8 +57,7 @@ struct Utf8Conversion {
       inbound = U_ZERO_ERROR;
       UChar* uchars = ucharBuffer.get();
       ucnv_toUnicode(into, &uchars, ucharBuffer.get() + ucharCapacity, &source, sourceLimit,
-                     nullptr, static_cast<size_t>(sourceLimit - source) <= ucharCapacity,
-                     &inbound);
+                     nullptr, static_cast<size_t>(sourceLimit - source) <= ucharCapacity, &inbound);
       *uchars = 0;
       const UChar* ucharSource = ucharBuffer.get();
       const UChar* const ucharLimit = uchars;
@@ -69,10 +68,9 @@ struct Utf8Conversion {
       do {
         outbound = U_ZERO_ERROR;
         char* target = byteBuffer.get();
-        ucnv_fromUnicode(outOf, &target, byteBuffer.get() + byteCapacity, &ucharSource,
-                         ucharLimit, nullptr,
-                         lastPass && static_cast<size_t>(ucharLimit - ucharSource) <= byteCapacity,
-                         &outbound);
+        ucnv_fromUnicode(
+            outOf, &target, byteBuffer.get() + byteCapacity, &ucharSource, ucharLimit, nullptr,
+            lastPass && static_cast<size_t>(ucharLimit - ucharSource) <= byteCapacity, &outbound);
         *target = 0;
         output.append(byteBuffer.get());
       } while (outbound == U_BUFFER_OVERFLOW_ERROR);

@@ -9,10 +9,10 @@
 #ifndef KSMEM_UTIL_UTF8_H_
 #define KSMEM_UTIL_UTF8_H_
 
+#include <unicode/ucnv.h>
+
 #include <cstdint>
 #include <string>
-
-#include <unicode/ucnv.h>
 
 namespace Kestrane {
 namespace Net {

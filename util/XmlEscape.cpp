@@ -48,7 +48,7 @@ struct Reference {
 
 // Compared in this order; the first that matches wins.
 constexpr Reference kReferences[] = {
-    {"amp;", '&'},  {"lt;", '<'},    {"gt;", '>'},  {"#x25;", '%'},
+    {"amp;", '&'},  {"lt;", '<'},    {"gt;", '>'},   {"#x25;", '%'},
     {"quot;", '"'}, {"apos;", '\''}, {"#10;", '\n'}, {"#9;", '\t'},
 };
 

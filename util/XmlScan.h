@@ -26,8 +26,8 @@ std::string getRootNamespace(const std::string& text);
 // whole as URI and local name. The prefix is read from the nearest "xmlns" in front of the
 // URI's first occurrence, taken as "xmlns:PREFIX=\"URI"; a default namespace, a URI the text
 // does not hold, no "xmlns" in front of it, or a "prefix" holding markup, a quote or white
-// space means the bare local name. Both run in time linear in the text's length. With `opening`, the
-// offset right behind "<" and the qualified name (so at the blank in front of the attributes,
+// space means the bare local name. Both run in time linear in the text's length. With `opening`,
+// the offset right behind "<" and the qualified name (so at the blank in front of the attributes,
 // if any); otherwise the offset of "</". std::string::npos if no such tag is found.
 std::string::size_type findTagOffset(const std::string& text, const std::string& expandedName,
                                      bool opening);

@@ -72,8 +72,7 @@ bool XmlStream::giveNamespacePrefix(const std::string& namespaceURI) {
   return true;
 }
 
-std::string XmlStream::qualifiedTag(const std::string& namespaceURI,
-                                    const std::string& tag) const {
+std::string XmlStream::qualifiedTag(const std::string& namespaceURI, const std::string& tag) const {
   if (tag.find(':') != std::string::npos) return tag;
   std::string prefix = getPrefix(namespaceURI);
   return prefix.empty() ? tag : prefix + ":" + tag;

@@ -2,7 +2,6 @@
 #include <iostream>
 #include <string>
 #include <vector>
-
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/sax2/DefaultHandler.hpp>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
@@ -20,7 +19,8 @@ using namespace xercesc;
 // Collects the text of every sharedClients element.
 class ClientCollector : public DefaultHandler {
  public:
-  void startElement(const XMLCh*, const XMLCh* localName, const XMLCh*, const Attributes&) override {
+  void startElement(const XMLCh*, const XMLCh* localName, const XMLCh*,
+                    const Attributes&) override {
     char* name = XMLString::transcode(localName);
     inClient = std::string(name) == "sharedClients";
     XMLString::release(&name);
@@ -66,7 +66,7 @@ int main() {
 
   std::vector<std::string> expected;
   written.getSharedClients(expected);
-  std::cout << "read back " << read.size() << " clients: "
-            << (read == expected ? "the same list" : "a different list") << "\n";
+  std::cout << "read back " << read.size()
+            << " clients: " << (read == expected ? "the same list" : "a different list") << "\n";
   return read == expected ? 0 : 1;
 }

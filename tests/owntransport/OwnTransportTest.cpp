@@ -27,10 +27,15 @@ int32_t KsMem_GetLastError(const char** text) {
 int32_t KsMem_Receive(char* buffer) {
   ++calls;
   switch (receives++) {
-    case 0: return 19;
-    case 1: return 20;
-    case 2: std::memcpy(buffer, kEcho, sizeof kEcho - 1); return sizeof kEcho - 1;
-    default: return -1;
+    case 0:
+      return 19;
+    case 1:
+      return 20;
+    case 2:
+      std::memcpy(buffer, kEcho, sizeof kEcho - 1);
+      return sizeof kEcho - 1;
+    default:
+      return -1;
   }
 }
 }

@@ -1,11 +1,10 @@
 #include "tests/standin/ChildProcess.h"
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <exception>
-
-#include <gtest/gtest.h>
 
 ChildProcess::ChildProcess(const std::function<std::string()>& work) {
   int ends[2];

@@ -1,11 +1,11 @@
 // Connections on many threads at once, against the embedded service: each thread runs whole
 // sessions while others construct, copy and destroy connections and parse replies.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <map>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "client/KsMEMConnection.h"
 

@@ -55,8 +55,9 @@ class RedisServer {
   bool start() {
     if (directory.empty()) return fail("no temporary directory could be made");
     const std::string log = directory + "/redis.log";
-    std::vector<std::string> args = {"redis-server", "--save", "", "--appendonly", "no", "--dir",
-                                     directory, "--logfile", log, "--port", std::to_string(port)};
+    std::vector<std::string> args = {
+        "redis-server", "--save", "",       "--appendonly",      "no", "--dir", directory,
+        "--logfile",    log,      "--port", std::to_string(port)};
     if (socketPath.empty()) args.insert(args.end(), {"--bind", "127.0.0.1"});
     if (!socketPath.empty()) args.insert(args.end(), {"--unixsocket", socketPath});
     std::vector<char*> argv;

@@ -5,6 +5,8 @@
 // when the environment below starts a redis-server of this process's own before the first test,
 // points KSMEM_SERVICE at it and stops it after the last. The Redis tests here run in that second
 // run alone.
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,8 +15,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "client/KsMEMConnection.h"
 #include "client/KsMemBinding.h"
@@ -87,8 +87,8 @@ std::string connectionFailure(Operation operation) {
 
 // The elements of the list at `key` in this run's Redis, one a line without line breaks.
 List listInRedis(const std::string& key) {
-  const std::string command = "redis-cli -s '" + ownRedis->url().substr(7) +
-                              "' --raw LRANGE '" + key + "' 0 -1";
+  const std::string command =
+      "redis-cli -s '" + ownRedis->url().substr(7) + "' --raw LRANGE '" + key + "' 0 -1";
   List elements;
   FILE* output = popen(command.c_str(), "r");
   char line[4096];
@@ -156,8 +156,8 @@ TEST(SharedService, ProcessesPostingAtOnceDeliverEveryEventOnceToEveryOtherClien
     for (int sender = 0; sender < kProcesses; ++sender) {
       std::string sent;
       for (int i = 0; sender != p && i < kEvents; ++i) sent += crowdEvent(sender, i);
-      EXPECT_TRUE(from[sender] == sent) << "client " << p << " received other events from "
-                                        << sender << " than were sent";
+      EXPECT_TRUE(from[sender] == sent)
+          << "client " << p << " received other events from " << sender << " than were sent";
     }
   }
 }
@@ -219,7 +219,8 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
              if (first == 0) return results;
              KsMEMConnection connection;
              return results + " " + connectionFailure([&] { registerAs(connection, "s", "c"); });
-           }).output();
+           })
+        .output();
   };
 
   for (const char* value : {"", "embedded", "redis://127.0.0.1", "redis://db.example:6390/3",

@@ -1,6 +1,8 @@
 // The stand-in transport and the service behind it, driven through the eight C entries only.
 // The same tests hold for every service (see SharedServiceTest.cpp for how ctest runs them
 // against Redis); server identifiers are unique to the run, so a shared service does too.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -8,8 +10,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "client/KsMemBinding.h"
 #include "schemas/_2009_06/base/Namespace.h"
@@ -158,7 +158,8 @@ TEST(StandInTransport, RefusedRequestsFailWithTheirCodeAndSayWhy) {
   } refusals[] = {
       {headerBlock("getEvents", other, "known"),
        "failed -751: Client \"known\" is not registered with the Model Event Manager under "
-       "server \"" + other + "\", so it cannot call getEvents; it must call registerClient first."},
+       "server \"" +
+           other + "\", so it cannot call getEvents; it must call registerClient first."},
       {headerBlock("fetchEverything", known, "known"),
        "failed -3017: The Model Event Manager has no operation \"fetchEverything\"."},
       {headerBlock("registerClient", "", "nobody"),
