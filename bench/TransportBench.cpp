@@ -19,9 +19,7 @@
 #include <malloc.h>
 
 #include <cstring>
-#include <istream>
 #include <memory>
-#include <streambuf>
 #include <string>
 #include <string_view>
 
@@ -29,9 +27,12 @@
 #include "client/KsMEMConnection.h"
 #include "client/KsMEMRequest.h"
 #include "client/KsMemBinding.h"
+#include "client/StringViewStream.h"
+#include "schemas/_2009_06/base/Namespace.h"
 
 using Kestrane::Net::KsModelEventManager::Client::KsMEMConnection;
 using Kestrane::Net::KsModelEventManager::Client::KsMEMRequest;
+using Kestrane::Net::KsModelEventManager::Client::StringViewStream;
 
 namespace {
 
@@ -47,14 +48,6 @@ ScriptedExchange transport;
 
 // An input stream over a text that the caller keeps alive, read without a copy, as the
 // connection hands its body to a request.
-class BodyStream : private std::streambuf, public std::istream {
- public:
-  explicit BodyStream(const std::string& text) : std::istream(this) {
-    char* begin = const_cast<char*>(text.data());  // the get area is only read
-    setg(begin, begin, begin + text.size());
-  }
-};
-
 // The next exchange replies with `reply`, which must outlive it.
 void scriptExchange(std::string_view reply) { transport = ScriptedExchange{{}, reply, 0, 0}; }
 
@@ -84,7 +77,7 @@ void gatherByLibrary(benchmark::State& state, size_t size) {
     scriptExchange(reply);
     KsMEMRequest request;
     addEventHeaders(request, "getEvents");
-    BodyStream body(bodyText);
+    StringViewStream body(bodyText);
     request.setRequestStream(&body);
     const std::string gathered = request.exchange();
     benchmark::DoNotOptimize(gathered.data());
@@ -111,14 +104,14 @@ void sendByLibrary(benchmark::State& state, size_t size) {
   const std::string events = textOfSize(size);
   // What putEvents gets back for one other client.
   const std::string reply =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?><SharedClientIDs xmlns=\"http://www.kestrane.net/"
-      "Schemas/KsModelEventManager/_2009_06/base\"><sharedClients>bob</sharedClients>"
-      "</SharedClientIDs>";
+      std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?><SharedClientIDs xmlns=\"") +
+      Kestrane::Schemas::KsModelEventManager::_2009_06::Base::kBaseNamespaceURI +
+      "\"><sharedClients>bob</sharedClients></SharedClientIDs>";
   for (auto _ : state) {
     scriptExchange(reply);
     KsMEMRequest request;
     addEventHeaders(request, "putEvents");
-    BodyStream body(events);
+    StringViewStream body(events);
     request.setRequestStream(&body);
     benchmark::DoNotOptimize(request.exchange());
     if (transport.bodyBytes != size) state.SkipWithError("the body went out incomplete");

@@ -1,12 +1,11 @@
 #include "client/KsMEMConnection.h"
 
-#include <istream>
 #include <mutex>
-#include <streambuf>
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
 #include "client/KsMEMRequest.h"
+#include "client/StringViewStream.h"
 #include "schemas/_2009_06/base/SharedClientIDs.h"
 #include "util/SAXToNodeParser.h"
 
@@ -38,16 +37,6 @@ void releaseXmlParser() {
 
 const char kServiceName[] = "KsMEMRequest";
 const char kNotRegistered[] = "Client not Registered with Model Event Manager";
-
-// An input stream over a string that the caller keeps alive, so that a body of any size goes
-// to the request without a copy.
-class StringViewStream : private std::streambuf, public std::istream {
- public:
-  explicit StringViewStream(const std::string& text) : std::istream(this) {
-    char* begin = const_cast<char*>(text.data());  // the get area is only read
-    setg(begin, begin, begin + text.size());
-  }
-};
 
 // Reads the client list of a reply document and appends it to `sharedClients`; leaves the list
 // untouched when the reply cannot be read.
