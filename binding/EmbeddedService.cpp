@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 ClientIDs EmbeddedService::idsOf(const Session& clients, const Client* leftOut) {
   ClientIDs ids;
@@ -76,7 +73,4 @@ std::optional<ClientIDs> EmbeddedService::getSharedClients(const std::string& se
   return idsOf(sessions[serverID]);
 }
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding

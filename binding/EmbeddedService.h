@@ -16,10 +16,7 @@
 
 #include "binding/ServiceBackend.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 class EmbeddedService : public ServiceBackend {
  protected:
@@ -49,9 +46,6 @@ class EmbeddedService : public ServiceBackend {
   std::map<std::string, Session> sessions;  // by server identifier; never empty
 };
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
 
 #endif  // KSMEM_BINDING_EMBEDDEDSERVICE_H_

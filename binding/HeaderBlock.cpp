@@ -1,9 +1,6 @@
 #include "binding/HeaderBlock.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 bool parseHeaderBlock(std::string_view text, RequestHeaders& headers, std::size_t& blockLength,
                       std::string& problem) {
@@ -39,7 +36,4 @@ bool parseHeaderBlock(std::string_view text, RequestHeaders& headers, std::size_
   }
 }
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding

@@ -9,10 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 using RequestHeaders = std::map<std::string, std::string>;
 
@@ -23,9 +20,6 @@ using RequestHeaders = std::map<std::string, std::string>;
 bool parseHeaderBlock(std::string_view text, RequestHeaders& headers, std::size_t& blockLength,
                       std::string& problem);
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
 
 #endif  // KSMEM_BINDING_HEADERBLOCK_H_

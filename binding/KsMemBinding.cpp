@@ -25,10 +25,7 @@
 #include "client/KsMemBinding.h"
 #pragma GCC visibility pop
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 namespace {
 
 constexpr int32_t kNoService = 1001;  // from KsMem_Init alone
@@ -166,10 +163,7 @@ int32_t deliver(char* buffer) {
 }
 
 }  // namespace
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
 
 using namespace Kestrane::Net::KsModelEventManager::Binding;
 

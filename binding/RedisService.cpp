@@ -13,10 +13,7 @@
 #include <utility>
 #include <vector>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 namespace {
 
@@ -320,7 +317,4 @@ std::optional<ClientIDs> RedisService::getSharedClients(const std::string& serve
   return clientsOf(address, runScript(address, kShared, {keys.clients}, {keys.caller}));
 }
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding

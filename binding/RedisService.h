@@ -28,10 +28,7 @@
 
 #include "binding/ServiceBackend.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 struct RedisAddress {
   std::string url;   // as given; names the service in failure texts
@@ -64,9 +61,6 @@ class RedisService : public ServiceBackend {
   const RedisAddress address;
 };
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
 
 #endif  // KSMEM_BINDING_REDISSERVICE_H_

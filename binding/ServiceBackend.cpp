@@ -4,10 +4,7 @@
 
 #include "schemas/_2009_06/base/Namespace.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 namespace {
 
@@ -107,7 +104,4 @@ ServiceResult ServiceBackend::handle(const RequestHeaders& headers, const std::s
   }
 }
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding

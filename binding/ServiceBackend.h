@@ -28,10 +28,7 @@
 
 #include "binding/HeaderBlock.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 // Failure codes that a backend reports; the client library maps each to an exception class.
 inline constexpr int32_t kUnknownClient = -751;        // the caller is not registered
@@ -79,9 +76,6 @@ class ServiceBackend {
                                                     const std::string& clientID) = 0;
 };
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
 
 #endif  // KSMEM_BINDING_SERVICEBACKEND_H_

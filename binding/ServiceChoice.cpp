@@ -10,10 +10,7 @@
 #include "binding/EmbeddedService.h"
 #include "binding/RedisService.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 namespace {
 
@@ -100,7 +97,4 @@ const ServiceChoice& processService() {
   return choice;
 }
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding

@@ -17,10 +17,7 @@
 
 #include "binding/ServiceBackend.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Binding {
+namespace Kestrane::Net::KsModelEventManager::Binding {
 
 struct ServiceChoice {
   std::unique_ptr<ServiceBackend> backend;  // null when KSMEM_SERVICE names no service
@@ -31,9 +28,6 @@ struct ServiceChoice {
 // stays valid for the life of the process.
 const ServiceChoice& processService();
 
-}  // namespace Binding
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
 
 #endif  // KSMEM_BINDING_SERVICECHOICE_H_

@@ -1,9 +1,6 @@
 #include "client/Exception.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 Exception::Exception(int type, const std::string& message) : type(type), message(message) {}
 
@@ -19,7 +16,4 @@ int Exception::getType() const { return type; }
 
 const std::string& Exception::getMessage() const { return message; }
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client

@@ -19,10 +19,7 @@
 
 #include "util/Export.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 class KSMEM_EXPORT Exception {
  public:
@@ -76,9 +73,6 @@ class Utf8ConversionException : public KsMEMException {
   using KsMEMException::KsMEMException;
 };
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client
 
 #endif  // KSMEM_CLIENT_EXCEPTION_H_

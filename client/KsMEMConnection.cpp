@@ -9,10 +9,7 @@
 #include "schemas/_2009_06/base/SharedClientIDs.h"
 #include "util/SAXToNodeParser.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 namespace {
 
@@ -159,7 +156,4 @@ void KsMEMConnection::getSharedClients(std::vector<std::string>& sharedClients) 
                       sharedClients);
 }
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client

@@ -33,10 +33,7 @@
 #include "client/Exception.h"
 #include "util/Export.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 class KsMEMRequest;
 
@@ -95,9 +92,6 @@ class KSMEM_EXPORT KsMEMConnection {
   std::string locale;
 };
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client
 
 #endif  // KSMEM_CLIENT_KSMEMCONNECTION_H_

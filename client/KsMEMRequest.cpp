@@ -9,10 +9,7 @@
 #include "client/TransportFailure.h"
 #include "util/Utf8.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 namespace {
 
@@ -159,7 +156,4 @@ std::string KsMEMRequest::readReply() {
 
 int32_t KsMEMRequest::receive() { return KsMem_Receive(replyBuffer.get()); }
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client

@@ -18,10 +18,7 @@
 #include <memory>
 #include <string>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 class KsMEMRequest {
  public:
@@ -67,9 +64,6 @@ class KsMEMRequest {
   std::string requestBody;
 };
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client
 
 #endif  // KSMEM_CLIENT_KSMEMREQUEST_H_

@@ -8,10 +8,7 @@
 #include <streambuf>
 #include <string>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 class StringViewStream : private std::streambuf, public std::istream {
  public:
@@ -21,9 +18,6 @@ class StringViewStream : private std::streambuf, public std::istream {
   }
 };
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client
 
 #endif  // KSMEM_CLIENT_STRINGVIEWSTREAM_H_

@@ -3,10 +3,7 @@
 #include "client/Exception.h"
 #include "client/KsMemBinding.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 std::string getLastErrorText() {
   const char* text = nullptr;
@@ -41,7 +38,4 @@ void throwTransportFailure(int32_t code) {
   }
 }
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client

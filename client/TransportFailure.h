@@ -5,10 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Client {
+namespace Kestrane::Net::KsModelEventManager::Client {
 
 // Throws the exception class that belongs to the transport result `code`, with the transport's
 // last error text as its message and type code 0:
@@ -23,9 +20,6 @@ namespace Client {
 // message."), and an empty text when the call failed yet handed out a text.
 std::string getLastErrorText();
 
-}  // namespace Client
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Client
 
 #endif  // KSMEM_CLIENT_TRANSPORTFAILURE_H_

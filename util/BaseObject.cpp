@@ -2,10 +2,7 @@
 
 #include "util/XmlStream.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 BaseObject::BaseObject() : refCount(0) {}
 
@@ -47,7 +44,4 @@ void BaseObject::removeRef() {
   if (--refCount == 0) delete this;
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

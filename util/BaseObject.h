@@ -19,10 +19,7 @@
 
 #include "util/Export.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 class XmlStream;
 
@@ -73,9 +70,6 @@ class KSMEM_EXPORT BaseObject {
   int32_t refCount;
 };
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_BASEOBJECT_H_

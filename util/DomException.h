@@ -14,10 +14,7 @@
 
 #include <string>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 class DomException {
  public:
@@ -33,9 +30,6 @@ class DomException {
   std::string message;
 };
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_DOMEXCEPTION_H_

@@ -18,10 +18,7 @@
 using xercesc::XMLPlatformUtils;
 using xercesc::XMLString;
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 namespace {
 
@@ -224,7 +221,4 @@ void SAXToNodeParser::throwParseFailure(const char* label,
   throw DomException(text.str());
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

@@ -42,10 +42,7 @@
 
 #include "util/XMLNode.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 // Transcodes text of the reader into a narrow string, as XMLString::transcode gives it in the
 // native code page, up to its first NUL; a null text gives an empty string. Where
@@ -129,9 +126,6 @@ class SAXToNodeParser : public xercesc::DefaultHandler {
   std::string documentName;
 };
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_SAXTONODEPARSER_H_

@@ -4,10 +4,7 @@
 #include <locale>
 #include <sstream>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 namespace {
 
@@ -71,7 +68,4 @@ std::vector<std::string> splitString(std::string text, char separator) {
   return parts;
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

@@ -17,10 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 std::string intToString(int32_t value);
 std::string doubleToString(double value);
@@ -40,9 +37,6 @@ bool stringToBool(const std::string& text);
 // empty entries stay, so a text without a separator (the empty text too) gives one entry.
 std::vector<std::string> splitString(std::string text, char separator);
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_STRINGCONVERSIONS_H_

@@ -6,10 +6,7 @@
 
 #include "client/Exception.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 using Client::Utf8ConversionException;
 
@@ -125,7 +122,4 @@ void checkConversionStatus(UConverter* converter, UErrorCode status, bool intoUn
   throw Utf8ConversionException(message);
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

@@ -14,10 +14,7 @@
 #include <cstdint>
 #include <string>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 // REQUIRES: `bytes` points to `length` readable bytes (a negative length counts as 0).
 std::string toUtf8(const char* bytes, int32_t length);
@@ -27,9 +24,6 @@ std::string fromUtf8(const char* bytes, int32_t length);
 // failure; returns otherwise (warnings pass). `intoUnicode` tells which way the failed step went.
 void checkConversionStatus(UConverter* converter, UErrorCode status, bool intoUnicode);
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_UTF8_H_

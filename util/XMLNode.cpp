@@ -1,9 +1,6 @@
 #include "util/XMLNode.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 XMLNode::XMLNode() : parent(nullptr) {}
 
@@ -36,7 +33,4 @@ void XMLNode::print(std::ostream& out, const std::string& indent) const {
   out << indent << "</" << name << ">" << std::endl;
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

@@ -19,10 +19,7 @@
 #include <string>
 #include <vector>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 class XMLNode {
  public:
@@ -66,9 +63,6 @@ class XMLNode {
   std::map<std::string, std::string> attributes;
 };
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_XMLNODE_H_

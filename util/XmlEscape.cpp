@@ -4,10 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 namespace {
 
@@ -115,7 +112,4 @@ std::string unescapeXML(const std::string& text) {
   return result;
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

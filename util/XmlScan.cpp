@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 namespace {
 
@@ -80,7 +77,4 @@ std::string::size_type findTagOffset(const std::string& text, const std::string&
   return found + pattern.size();
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

@@ -9,10 +9,7 @@
 
 #include <string>
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 // The namespace URI of the root element, taken from the first "xmlns=\"" (or, for a prefixed
 // root, "xmlns:PREFIX=\"") found from the root's start tag on, up to the next quotation mark or
@@ -32,9 +29,6 @@ std::string getRootNamespace(const std::string& text);
 std::string::size_type findTagOffset(const std::string& text, const std::string& expandedName,
                                      bool opening);
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_XMLSCAN_H_

@@ -2,10 +2,7 @@
 
 #include "util/StringConversions.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 XmlStream::XmlStream()
     : std::stringstream(std::ios_base::in | std::ios_base::out),
@@ -78,7 +75,4 @@ std::string XmlStream::qualifiedTag(const std::string& namespaceURI, const std::
   return prefix.empty() ? tag : prefix + ":" + tag;
 }
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util

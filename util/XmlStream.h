@@ -28,10 +28,7 @@
 
 #include "util/Export.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 
 class KSMEM_EXPORT XmlStream : public std::stringstream {
  public:
@@ -79,9 +76,6 @@ class KSMEM_EXPORT XmlStream : public std::stringstream {
   bool firstElement;
 };
 
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
-}  // namespace Kestrane
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
 #endif  // KSMEM_UTIL_XMLSTREAM_H_

@@ -3,19 +3,11 @@
 #ifndef KSMEM_SCHEMAS_2009_06_BASE_NAMESPACE_H_
 #define KSMEM_SCHEMAS_2009_06_BASE_NAMESPACE_H_
 
-namespace Kestrane {
-namespace Schemas {
-namespace KsModelEventManager {
-namespace _2009_06 {
-namespace Base {
+namespace Kestrane::Schemas::KsModelEventManager::_2009_06::Base {
 
 inline constexpr char kBaseNamespaceURI[] =
     "http://www.kestrane.net/Schemas/KsModelEventManager/_2009_06/base";
 
-}  // namespace Base
-}  // namespace _2009_06
-}  // namespace KsModelEventManager
-}  // namespace Schemas
-}  // namespace Kestrane
+}  // namespace Kestrane::Schemas::KsModelEventManager::_2009_06::Base
 
 #endif  // KSMEM_SCHEMAS_2009_06_BASE_NAMESPACE_H_

@@ -8,11 +8,7 @@
 #include "util/XmlEscape.h"
 #include "util/XmlStream.h"
 
-namespace Kestrane {
-namespace Schemas {
-namespace KsModelEventManager {
-namespace _2009_06 {
-namespace Base {
+namespace Kestrane::Schemas::KsModelEventManager::_2009_06::Base {
 
 namespace Util = Net::KsModelEventManager::Util;
 
@@ -84,8 +80,4 @@ void SharedClientIDs::outputXML(Util::XmlStream& xml, const std::string& tag) co
   xml << xml.endTag(namespaceURI, tag);
 }
 
-}  // namespace Base
-}  // namespace _2009_06
-}  // namespace KsModelEventManager
-}  // namespace Schemas
-}  // namespace Kestrane
+}  // namespace Kestrane::Schemas::KsModelEventManager::_2009_06::Base

@@ -17,20 +17,12 @@
 #include "util/BaseObject.h"
 #include "util/Export.h"
 
-namespace Kestrane {
-namespace Net {
-namespace KsModelEventManager {
-namespace Util {
+namespace Kestrane::Net::KsModelEventManager::Util {
 class XMLNode;
 class XmlStream;
-}  // namespace Util
-}  // namespace KsModelEventManager
-}  // namespace Net
+}  // namespace Kestrane::Net::KsModelEventManager::Util
 
-namespace Schemas {
-namespace KsModelEventManager {
-namespace _2009_06 {
-namespace Base {
+namespace Kestrane::Schemas::KsModelEventManager::_2009_06::Base {
 
 class KSMEM_EXPORT SharedClientIDs : public Net::KsModelEventManager::Util::BaseObject {
  public:
@@ -69,10 +61,6 @@ class KSMEM_EXPORT SharedClientIDs : public Net::KsModelEventManager::Util::Base
   std::vector<std::string> sharedClients;
 };
 
-}  // namespace Base
-}  // namespace _2009_06
-}  // namespace KsModelEventManager
-}  // namespace Schemas
-}  // namespace Kestrane
+}  // namespace Kestrane::Schemas::KsModelEventManager::_2009_06::Base
 
 #endif  // KSMEM_SCHEMAS_2009_06_BASE_SHAREDCLIENTIDS_H_
