@@ -38,39 +38,65 @@ class KSMEM_EXPORT Exception {
   std::string message;
 };
 
+// Every class below has the same five members as Exception, defined in the library, so that
+// a program built against it finds each one exported.
+
 // Common base of the classes below; never thrown as such.
 class KSMEM_EXPORT KsMEMException : public Exception {
  public:
-  using Exception::Exception;
+  KsMEMException(int type, const std::string& message);
+  explicit KsMEMException(const std::string& message);
+  KsMEMException(const KsMEMException& other);
+  KsMEMException& operator=(const KsMEMException& other);
+  ~KsMEMException();
 };
 
 class KSMEM_EXPORT KsMEMConnectionException : public KsMEMException {
  public:
-  using KsMEMException::KsMEMException;
+  KsMEMConnectionException(int type, const std::string& message);
+  explicit KsMEMConnectionException(const std::string& message);
+  KsMEMConnectionException(const KsMEMConnectionException& other);
+  KsMEMConnectionException& operator=(const KsMEMConnectionException& other);
+  ~KsMEMConnectionException();
 };
 
 class KSMEM_EXPORT KsMEMProtocolException : public KsMEMException {
  public:
-  using KsMEMException::KsMEMException;
+  KsMEMProtocolException(int type, const std::string& message);
+  explicit KsMEMProtocolException(const std::string& message);
+  KsMEMProtocolException(const KsMEMProtocolException& other);
+  KsMEMProtocolException& operator=(const KsMEMProtocolException& other);
+  ~KsMEMProtocolException();
 };
 
 class KSMEM_EXPORT KsMEMRuntimeException : public KsMEMException {
  public:
-  using KsMEMException::KsMEMException;
-  // Empty message, type code 0.
-  KsMEMRuntimeException() : KsMEMException(std::string()) {}
+  KsMEMRuntimeException(int type, const std::string& message);
+  // The only class that can be built without an argument: empty message, type code 0.
+  explicit KsMEMRuntimeException(const std::string& message = std::string());
+  KsMEMRuntimeException(const KsMEMRuntimeException& other);
+  KsMEMRuntimeException& operator=(const KsMEMRuntimeException& other);
+  ~KsMEMRuntimeException();
 };
 
 class KSMEM_EXPORT KsMEMUnrecognisedException : public KsMEMException {
  public:
-  using KsMEMException::KsMEMException;
+  KsMEMUnrecognisedException(int type, const std::string& message);
+  explicit KsMEMUnrecognisedException(const std::string& message);
+  KsMEMUnrecognisedException(const KsMEMUnrecognisedException& other);
+  KsMEMUnrecognisedException& operator=(const KsMEMUnrecognisedException& other);
+  ~KsMEMUnrecognisedException();
 };
 
 // A failure of the UTF-8 conversion. Internal: the request turns it into a
 // KsMEMRuntimeException before it could reach an application.
 class Utf8ConversionException : public KsMEMException {
  public:
-  using KsMEMException::KsMEMException;
+  Utf8ConversionException(int type, const std::string& message);
+  explicit Utf8ConversionException(const std::string& message);
+  Utf8ConversionException(const Utf8ConversionException& other);
+  Utf8ConversionException& operator=(const Utf8ConversionException& other);
+  ~Utf8ConversionException();
 };
 
 }  // namespace Kestrane::Net::KsModelEventManager::Client

@@ -7,24 +7,28 @@
 // application unchanged. Thrown and caught by value. getMessage() is the whole text for people,
 // always ending in a line break when it comes from the parser.
 //
-// Every member is defined here, inline, so that an application can catch and copy it although
-// the shared library does not export the class.
+// Exported with its type information, so that an application's handler matches the very class
+// that the library throws, whatever its toolchain does with type names.
 #ifndef KSMEM_UTIL_DOMEXCEPTION_H_
 #define KSMEM_UTIL_DOMEXCEPTION_H_
 
 #include <string>
 
+#include "util/Export.h"
+
 namespace Kestrane::Net::KsModelEventManager::Util {
 
-class DomException {
+class KSMEM_EXPORT DomException {
  public:
-  DomException() {}
-  explicit DomException(const std::string& message) : message(message) {}
-  virtual ~DomException() {}
+  DomException();
+  explicit DomException(const std::string& message);
+  DomException(const DomException& other);
+  DomException& operator=(const DomException& other);
+  virtual ~DomException();
 
-  virtual void setMessage(const std::string& newMessage) { message = newMessage; }
+  virtual void setMessage(const std::string& newMessage);
   // Valid as long as this object and until the next setMessage.
-  virtual const std::string& getMessage() const { return message; }
+  virtual const std::string& getMessage() const;
 
  private:
   std::string message;

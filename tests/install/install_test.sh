@@ -14,12 +14,12 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 lib=$(dirname "$(find "$prefix" -name 'libKsMemCppBinding.so' | head -n1)")
 
 # Exported: exactly these classes of ours, and no transport entry.
-expected="BaseObject Exception KsMEMConnection KsMEMConnectionException KsMEMException
+expected="BaseObject DomException Exception KsMEMConnection KsMEMConnectionException KsMEMException
 KsMEMProtocolException KsMEMRuntimeException KsMEMUnrecognisedException SharedClientIDs XmlStream"
-defined=$(nm -DC --defined-only "$lib/libKsMemCppBinding.so")
+defined=$(nm -DC --defined-only "$lib/libKsMemCppBinding.so" | sed -E 's/^[0-9a-f]+ [A-Za-z] //')
 # The class of each symbol of ours: the symbol itself for typeinfo and vtables, the qualifier
 # of the function otherwise.
-exported=$(sed -nE 's/^[0-9a-f]+ [A-Za-z] //; s/\[abi:cxx11\]//g
+exported=$(sed -nE 's/\[abi:cxx11\]//g
                     /^(typeinfo name|typeinfo|vtable|VTT) for Kestrane::/ { s/^[^K]*//; s/\*$//; s/.*:://; p; d }
                     /^Kestrane::/ { s/\(.*//; s/::[^:]*$//; s/.*:://; p }' <<<"$defined" |
            sort -u)
@@ -29,9 +29,42 @@ if [ "$(echo $exported)" != "$(echo $expected)" ]; then
   echo "expected:         $expected"
   exit 1
 fi
-if grep -q ' KsMem_' <<<"$defined"; then
-  echo "the client library defines transport entries:"; grep ' KsMem_' <<<"$defined"; exit 1
+if grep -q '^KsMem_' <<<"$defined"; then
+  echo "the client library defines transport entries:"; grep '^KsMem_' <<<"$defined"; exit 1
 fi
+
+# Each class of the exception family exports its five members, and DomException its type
+# information, which an application's handler must match.
+string='std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> > const&'
+missing=""
+for class in Exception KsMEMException KsMEMConnectionException KsMEMProtocolException \
+             KsMEMRuntimeException KsMEMUnrecognisedException; do
+  qualified=Kestrane::Net::KsModelEventManager::Client::$class
+  for member in "$qualified::$class(int, $string)" "$qualified::$class($string)" \
+                "$qualified::$class($qualified const&)" \
+                "$qualified::operator=($qualified const&)" "$qualified::~$class()"; do
+    grep -qxF "$member" <<<"$defined" || missing="$missing
+  $member"
+  done
+done
+grep -qxF 'typeinfo for Kestrane::Net::KsModelEventManager::Util::DomException' <<<"$defined" ||
+  missing="$missing
+  typeinfo for Kestrane::Net::KsModelEventManager::Util::DomException"
+if [ -n "$missing" ]; then
+  echo "not exported:$missing"; exit 1
+fi
+
+# A program built apart against the installed library: every member of the family resolves
+# to the library, and registerClient's DomException is caught by its class.
+flags=$(PKG_CONFIG_PATH=$lib/pkgconfig pkg-config --cflags --libs ksmemcppbinding)
+# shellcheck disable=SC2086
+g++ -std=c++17 "$source/tests/install/exported_surface.cpp" $flags -o "$work/exported_surface"
+symbols=$(nm -C "$work/exported_surface")
+if ! grep -qxE ' +U typeinfo for Kestrane::Net::KsModelEventManager::Util::DomException' <<<"$symbols"; then
+  echo "exported_surface does not take DomException's type information from the library"; exit 1
+fi
+LD_LIBRARY_PATH=$lib "$work/exported_surface"
+echo "exported_surface: every exception member and DomException's class come from the library"
 
 for example in "$source"/examples/*/; do
   name=$(basename "$example")
