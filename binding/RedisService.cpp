@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -12,6 +11,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "binding/ServiceChoice.h"
 
 namespace Kestrane::Net::KsModelEventManager::Binding {
 
@@ -115,7 +116,7 @@ using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
 // process that opened it: a forked child or another backend opens a connection of its own.
 struct Connection {
   const RedisAddress* address = nullptr;
-  pid_t process = 0;
+  unsigned process = 0;  // processGeneration() when opened
   redisContext* context = nullptr;
   std::string scriptSHA[kScriptCount];  // digests of the scripts, as SCRIPT LOAD gave them
 
@@ -203,12 +204,12 @@ Reply command(const RedisAddress& address, const std::vector<std::string_view>& 
 // Opens the thread's connection to `address` unless it is open already.
 void open(const RedisAddress& address) {
   if (connection.context != nullptr && connection.address == &address &&
-      connection.process == getpid()) {
+      connection.process == processGeneration()) {
     return;
   }
   connection.close();
   connection.address = &address;
-  connection.process = getpid();
+  connection.process = processGeneration();
   connection.context =
       address.socketPath.empty()
           ? redisConnectWithTimeout(address.host.c_str(), address.port, timeLimit())

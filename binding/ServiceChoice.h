@@ -28,6 +28,10 @@ struct ServiceChoice {
 // stays valid for the life of the process.
 const ServiceChoice& processService();
 
+// A number that changes in a forked child, so that state kept per process (a connection, say)
+// can tell that it was inherited from the parent rather than made in this process.
+unsigned processGeneration();
+
 }  // namespace Kestrane::Net::KsModelEventManager::Binding
 
 #endif  // KSMEM_BINDING_SERVICECHOICE_H_
