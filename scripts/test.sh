@@ -29,8 +29,9 @@ for pass in "${passes[@]}"; do
       ;;
     asan)
       build build-asan -DKSMEM_SANITIZE=address,undefined -DKSMEM_BUILD_BENCHMARKS=OFF
-      ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1 \
-      UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+      # In the "C" locale, as a process runs with LANG and LC_ALL unset.
+      env -u LANG LC_ALL=C ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1 \
+        UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
         ctest --test-dir build-asan --output-on-failure -j2
       ;;
     tsan)
