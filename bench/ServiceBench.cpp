@@ -153,7 +153,7 @@ void BM_RawRedisCommandsOfARoundTrip(benchmark::State& state) {
     state.SkipWithError(problem.c_str());
     return;
   }
-  RedisWire wire(redis->connect());
+  RedisWire wire = redis->wire();
   const std::string clients = "raw-" + std::to_string(getpid()) + ":clients";
   const std::string events = "raw-" + std::to_string(getpid()) + ":events:bob";
   wire.command({"DEL", clients});
