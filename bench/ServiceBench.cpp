@@ -8,21 +8,19 @@
 // child for one round trip at a time and takes the time that the child measured around it.
 // The Redis cases start a redis-server of their own and are skipped, saying why, without one.
 #include <benchmark/benchmark.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <initializer_list>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "client/KsMEMConnection.h"
 #include "tests/standin/RedisServer.h"
+#include "tests/standin/RedisWire.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
 using Clock = std::chrono::steady_clock;
@@ -32,91 +30,6 @@ namespace {
 const std::string kEvent =
     "<reading sensor=\"t2\" unit=\"\xC2\xB0"
     "C\">19.0</reading>";
-
-// A bare Redis client: one command at a time over a plain socket, the whole reply read back,
-// no client library in between.
-class RedisWire {
- public:
-  // Takes over `fd`, a socket connected to Redis.
-  explicit RedisWire(int fd) : fd(fd) {}
-  ~RedisWire() {
-    if (fd >= 0) close(fd);
-  }
-  RedisWire(const RedisWire&) = delete;
-  RedisWire& operator=(const RedisWire&) = delete;
-
-  // The strings of the reply to the command `parts`, arrays flattened: bulk strings as they
-  // are, a status, error ("-" kept) or integer reply as its line, nothing for nil. Empty too
-  // when the connection fails.
-  std::vector<std::string> command(std::initializer_list<std::string_view> parts) {
-    std::string request = "*" + std::to_string(parts.size()) + "\r\n";
-    for (const std::string_view part : parts) {
-      request += "$" + std::to_string(part.size()) + "\r\n";
-      request.append(part.data(), part.size());
-      request += "\r\n";
-    }
-    std::vector<std::string> reply;
-    if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-        static_cast<ssize_t>(request.size())) {
-      readReply(reply);
-    }
-    return reply;
-  }
-
- private:
-  bool fill(std::size_t wanted) {
-    while (received.size() - offset < wanted) {
-      char chunk[65536];
-      const ssize_t count = read(fd, chunk, sizeof chunk);
-      if (count <= 0) return false;
-      received.append(chunk, static_cast<std::size_t>(count));
-    }
-    return true;
-  }
-
-  bool readLine(std::string& line) {
-    std::size_t end;
-    while ((end = received.find("\r\n", offset)) == std::string::npos) {
-      if (!fill(received.size() - offset + 1)) return false;
-    }
-    line.assign(received, offset, end - offset);
-    offset = end + 2;
-    return true;
-  }
-
-  bool readReply(std::vector<std::string>& reply) {
-    if (offset == received.size()) {
-      received.clear();
-      offset = 0;
-    }
-    std::string line;
-    if (!readLine(line) || line.empty()) return false;
-    const long count = std::atol(line.c_str() + 1);
-    switch (line[0]) {
-      case '*':
-        for (long i = 0; i < count; ++i) {
-          if (!readReply(reply)) return false;
-        }
-        return true;
-      case '$':
-        if (count < 0) return true;
-        if (!fill(static_cast<std::size_t>(count) + 2)) return false;
-        reply.push_back(received.substr(offset, static_cast<std::size_t>(count)));
-        offset += static_cast<std::size_t>(count) + 2;
-        return true;
-      case '-':
-        reply.push_back(line);
-        return true;
-      default:
-        reply.push_back(line.substr(1));
-        return true;
-    }
-  }
-
-  int fd;
-  std::string received;
-  std::size_t offset = 0;
-};
 
 // The loopback Redis of this run, started at its first use; null, with `problem` set, if none.
 RedisServer* loopbackRedis(std::string& problem) {
@@ -240,7 +153,7 @@ void BM_RawRedisCommandsOfARoundTrip(benchmark::State& state) {
     state.SkipWithError(problem.c_str());
     return;
   }
-  RedisWire wire(redis->connect());
+  RedisWire wire = redis->wire();
   const std::string clients = "raw-" + std::to_string(getpid()) + ":clients";
   const std::string events = "raw-" + std::to_string(getpid()) + ":events:bob";
   wire.command({"DEL", clients});
