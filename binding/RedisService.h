@@ -1,49 +1,53 @@
 // The Model Event Manager service kept in Redis, so that processes on any number of machines
-// share one service. The operations and their replies are those of ServiceBackend; the state
-// lives in Redis alone, so it is whatever Redis keeps (nothing survives a restart of a Redis
-// that does not persist).
+// share one service. The operations, their replies and the delivery of events are those of
+// ServiceBackend; the state lives in Redis alone, so it is whatever Redis keeps.
 //
-// Keys, with S the server and C the client identifier in their key form (every byte outside
-// 0x21..0x7E and each of "%", "{", "}", ":" written as "%" and two upper-case hex digits):
-//   ksmem:{S}:clients     list of the key forms of the server's clients, in order of registration
-//   ksmem:{S}:events:C    list of the pending events of client C, oldest first
-// All keys of one server share the hash tag {S}, so one node of a Redis Cluster holds them.
+// Keys of server S, with S in its key form (every byte outside 0x21..0x7E and each of "%",
+// "{", "}", ":" written as "%" and two upper-case hex digits), all under the hash tag
+// {ksmem:S}, which is never empty, so that one node of a Redis Cluster holds them all:
+//   {ksmem:S}:log       Stream: the server's events, a copy each, with sender and position
+//   {ksmem:S}:clients   sorted set: the clients, scored by order of registration
+//   {ksmem:S}:cursors   hash: client -> "ID N", the last event it acknowledged and its position
+//   {ksmem:S}:lag       sorted set: client -> the time part of its cursor, for the slowest
+//   {ksmem:S}:head      hash: "id" and "n" of the newest event
+//   {ksmem:S}:op:ID     a post or unregister done, kept for kRepeatWindow (at least)
+// Client identifiers are stored as they are, byte for byte.
 //
-// Each operation is one Lua script (EVALSHA, EVAL again after NOSCRIPT), so no other client
-// ever sees half an operation: an event is queued for every other client or for none, and
-// getEvents takes what is pending exactly once.
+// Each operation is one Lua script (EVALSHA, EVAL again after NOSCRIPT) whose keys are all
+// passed in KEYS, so no other client ever sees half an operation. The log is trimmed behind the
+// slowest cursor and, as each event is posted, to the retention limit; Redis trims whole blocks
+// of entries, so it may keep up to about 100 events more than the limit says.
 //
-// Each thread of each process has its own connection, opened at its first request and opened
-// again at the first request after it broke; a forked child opens its own. Connecting and each
-// command wait at most kTimeout. When Redis cannot be reached or the connection breaks, the
-// request fails with kServiceUnreachable and a text that names the address and the reason; an
-// error reply of Redis fails it with kServiceRefused. Nothing is retried within one request.
+// Each thread of each process has its own connection (RedisConnection), opened at its first
+// request; a forked child opens its own. When the reply to a request is lost (the connection
+// broke, or the time limit passed), the request is sent once more on a new connection. A post
+// or an unregister carries an id made here, random and unique across processes and machines;
+// the script recognises an id it has seen and answers as the first time without doing it again.
+// A repeated fetch carries the same acknowledgement and reads the same batch.
 //
 // Safe to use from several threads at once.
 #ifndef KSMEM_BINDING_REDISSERVICE_H_
 #define KSMEM_BINDING_REDISSERVICE_H_
 
 #include <chrono>
+#include <initializer_list>
 #include <string>
+#include <string_view>
+#include <vector>
 
+#include "binding/RedisConnection.h"
 #include "binding/ServiceBackend.h"
+#include "binding/ServiceURL.h"
 
 namespace Kestrane::Net::KsModelEventManager::Binding {
 
-struct RedisAddress {
-  std::string url;   // as given; names the service in failure texts
-  std::string host;  // TCP, when socketPath is empty
-  int port = 6379;
-  std::string socketPath;  // a Unix socket
-  int db = 0;
-};
-
 class RedisService : public ServiceBackend {
  public:
-  static constexpr std::chrono::seconds kTimeout{5};
+  // How long a post or unregister is remembered at least, so that a repeat is recognised.
+  static constexpr std::chrono::seconds kRepeatWindow{60};
 
   // Connects to nothing yet: the first request of each thread does.
-  explicit RedisService(RedisAddress address);
+  explicit RedisService(ServiceURL url);
 
  protected:
   void checkAnswers() override;
@@ -52,13 +56,26 @@ class RedisService : public ServiceBackend {
                                             const std::string& clientID) override;
   std::optional<ClientIDs> putEvents(const std::string& serverID, const std::string& clientID,
                                      const std::string& event) override;
-  std::optional<std::string> getEvents(const std::string& serverID,
-                                       const std::string& clientID) override;
+  std::optional<Batch> getEvents(const std::string& serverID, const std::string& clientID,
+                                 const std::string& acknowledged) override;
   std::optional<ClientIDs> getSharedClients(const std::string& serverID,
                                             const std::string& clientID) override;
+  std::vector<Backlog> getClientBacklogs(const std::string& serverID) override;
 
  private:
-  const RedisAddress address;
+  enum Script { kRegister, kUnregister, kPut, kGet, kShared, kScriptCount };
+
+  // The calling thread's connection to this service.
+  RedisConnection& connection();
+  // Sends `parts` and gives the reply; after a lost reply, once more.
+  RedisReply request(const std::vector<std::string_view>& parts);
+  // Runs `script` with the server's keys (and `opKey` after them, if not empty) and `args`;
+  // an error reply fails the request.
+  RedisReply run(Script script, const std::string& serverID, std::string_view opKey,
+                 std::initializer_list<std::string_view> args);
+  std::optional<ClientIDs> clientsOf(const RedisReply& reply);
+
+  const ServiceURL url;
 };
 
 }  // namespace Kestrane::Net::KsModelEventManager::Binding

@@ -1,9 +1,5 @@
 // Which service the stand-in transport serves its requests with, as the environment variable
-// KSMEM_SERVICE says:
-//   unset, empty or "embedded"       the service inside this process (EmbeddedService)
-//   "redis://HOST[:PORT][/DB]"       a service kept in Redis (RedisService), reached over TCP;
-//                                    port 6379 and database 0 unless given
-//   "unix:///PATH/TO/SOCKET[?db=N]"  the same, reached through a Unix socket
+// KSMEM_SERVICE says (ServiceURL.h has the forms): the embedded service unless it names Redis.
 // The variable is read once per process, at the first KsMem_Init (or at the first exchange of a
 // caller that skips KsMem_Init); changing it later has no effect. A forked child is a process of
 // its own: it reads the variable again, and it does not share its parent's embedded service.

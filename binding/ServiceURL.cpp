@@ -1,0 +1,238 @@
+#include "binding/ServiceURL.h"
+
+#include <limits>
+
+namespace Kestrane::Net::KsModelEventManager::Binding {
+
+namespace {
+
+constexpr char kAcceptedForms[] =
+    "Accepted forms: unset, empty or \"embedded\" for the service inside this process; "
+    "\"redis://[USER:PASSWORD@]HOST[:PORT][/DB]\" (port 6379 unless given) or "
+    "\"unix://[USER:PASSWORD@]/PATH/TO/SOCKET\" for a service kept in Redis; each may end in "
+    "\"?OPTION=VALUE&...\" with the options retention=EVENTS, retention-age=DURATION, "
+    "timeout=DURATION and, for unix://, db=N.";
+
+// Decimal digits alone, at most `most`.
+std::optional<uint64_t> number(std::string_view text, uint64_t most) {
+  if (text.empty() || text.size() > 19) return std::nullopt;
+  uint64_t value = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    value = value * 10 + static_cast<uint64_t>(c - '0');
+  }
+  if (value > most) return std::nullopt;
+  return value;
+}
+
+// A whole number with the unit ms, s, m, h or d; seconds without one.
+std::optional<std::chrono::milliseconds> duration(std::string_view text) {
+  static const struct {
+    std::string_view unit;
+    uint64_t milliseconds;
+  } kUnits[] = {{"ms", 1}, {"s", 1000}, {"m", 60000}, {"h", 3600000}, {"d", 86400000}};
+  uint64_t scale = 1000;
+  for (const auto& unit : kUnits) {
+    if (text.size() > unit.unit.size() &&
+        text.substr(text.size() - unit.unit.size()) == unit.unit &&
+        (unit.unit != "s" || text[text.size() - 2] != 'm')) {
+      text.remove_suffix(unit.unit.size());
+      scale = unit.milliseconds;
+      break;
+    }
+  }
+  const std::optional<uint64_t> count = number(text, std::numeric_limits<int64_t>::max() / scale);
+  if (!count) return std::nullopt;
+  return std::chrono::milliseconds(static_cast<int64_t>(*count * scale));
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+std::optional<std::string> percentDecoded(std::string_view text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      decoded += text[i];
+      continue;
+    }
+    const int high = i + 2 < text.size() ? hexDigit(text[i + 1]) : -1;
+    const int low = high >= 0 ? hexDigit(text[i + 2]) : -1;
+    if (low < 0) return std::nullopt;
+    decoded += static_cast<char>(high << 4 | low);
+    i += 2;
+  }
+  return decoded;
+}
+
+class Parser {
+ public:
+  Parser(std::string_view text, std::string& problem) : text(text), problem(problem) {}
+
+  std::optional<ServiceURL> parse() {
+    std::string_view rest = text;
+    const std::size_t query = rest.find('?');
+    const std::string_view options =
+        query == std::string_view::npos ? std::string_view() : rest.substr(query + 1);
+    rest = rest.substr(0, query);
+    url.shown = std::string(text);
+    bool parsed = false;
+    if (rest == "embedded" || rest.empty()) {
+      parsed = query == std::string_view::npos || !rest.empty();
+      if (!parsed) fail("options follow no service");
+    } else if (rest.substr(0, 8) == "redis://") {
+      url.kind = ServiceURL::Kind::kRedis;
+      parsed = tcp(rest.substr(8));
+    } else if (rest.substr(0, 7) == "unix://") {
+      url.kind = ServiceURL::Kind::kRedis;
+      parsed = unixSocket(rest.substr(7));
+    } else {
+      fail("it starts with none of \"embedded\", \"redis://\" and \"unix://\"");
+    }
+    if (!parsed || (query != std::string_view::npos && !parseOptions(options))) {
+      return std::nullopt;
+    }
+    return std::move(url);
+  }
+
+ private:
+  bool fail(const std::string& reason) {
+    problem = "KSMEM_SERVICE is \"" + url.shown + "\", which names no service: " + reason + ". " +
+              kAcceptedForms;
+    return false;
+  }
+
+  // USER:PASSWORD before the "@" at `at` of `rest`, which starts at `offset` of the text.
+  bool credentials(std::string_view rest, std::size_t at, std::size_t offset) {
+    const std::string_view userInfo = rest.substr(0, at);
+    const std::size_t colon = userInfo.find(':');
+    // The password leaves the shown text before anything can fail and name the text.
+    if (colon != std::string_view::npos) {
+      url.shown = std::string(text.substr(0, offset + colon + 1)) + "***" +
+                  std::string(text.substr(offset + at));
+    }
+    std::optional<std::string> user, password;
+    if (colon != std::string_view::npos) {
+      user = percentDecoded(userInfo.substr(0, colon));
+      password = percentDecoded(userInfo.substr(colon + 1));
+    }
+    if (!user || !password || password->empty()) {
+      return fail("credentials take the form USER:PASSWORD or :PASSWORD, percent-encoded");
+    }
+    url.user = std::move(*user);
+    url.password = std::move(*password);
+    return true;
+  }
+
+  bool tcp(std::string_view rest) {
+    std::size_t slash = rest.find('/');
+    std::string_view authority = rest.substr(0, slash);
+    const std::size_t at = authority.rfind('@');
+    if (at != std::string_view::npos) {
+      if (!credentials(rest, at, 8)) return false;
+      authority = authority.substr(at + 1);
+    }
+    if (slash != std::string_view::npos) {
+      const std::string_view db = rest.substr(slash + 1);
+      const std::optional<uint64_t> value = number(db, std::numeric_limits<int>::max());
+      if (!value) return fail("the database \"" + std::string(db) + "\" is not a whole number");
+      url.db = static_cast<int>(*value);
+    }
+    std::size_t colon = authority.rfind(':');
+    if (!authority.empty() && authority.front() == '[') {  // [IPv6 address]
+      const std::size_t close = authority.find(']');
+      if (close == std::string_view::npos) return fail("the host \"[\" is not closed by \"]\"");
+      url.host = std::string(authority.substr(1, close - 1));
+      colon = close + 1 < authority.size() ? close + 1 : std::string_view::npos;
+      if (colon != std::string_view::npos && authority[colon] != ':') {
+        return fail("text follows the host \"" + std::string(authority.substr(0, close + 1)) +
+                    "\"");
+      }
+    } else {
+      url.host = std::string(authority.substr(0, colon));
+    }
+    if (url.host.empty()) return fail("no host is given");
+    if (colon != std::string_view::npos) {
+      const std::string_view port = authority.substr(colon + 1);
+      const std::optional<uint64_t> value = number(port, 65535);
+      if (!value || *value == 0) {
+        return fail("the port \"" + std::string(port) + "\" is not a number from 1 to 65535");
+      }
+      url.port = static_cast<int>(*value);
+    }
+    return true;
+  }
+
+  bool unixSocket(std::string_view rest) {
+    if (rest.empty() || rest.front() != '/') {
+      const std::size_t at = rest.find("@/");
+      if (at == std::string_view::npos) return fail("the socket path does not start with \"/\"");
+      if (!credentials(rest, at, 7)) return false;
+      rest = rest.substr(at + 1);
+    }
+    url.socketPath = std::string(rest);
+    return true;
+  }
+
+  bool parseOptions(std::string_view options) {
+    for (;;) {
+      const std::size_t end = options.find('&');
+      const std::string_view option = options.substr(0, end);
+      const std::size_t equals = option.find('=');
+      const std::string_view name = option.substr(0, equals);
+      const std::string_view value =
+          equals == std::string_view::npos ? std::string_view() : option.substr(equals + 1);
+      if (!setOption(name, value)) return false;
+      if (end == std::string_view::npos) break;
+      options = options.substr(end + 1);
+    }
+    return true;
+  }
+
+  bool setOption(std::string_view name, std::string_view value) {
+    const auto invalid = [&](const char* what) {
+      return fail("the option " + std::string(name) + " has the value \"" + std::string(value) +
+                  "\", which is not " + what);
+    };
+    if (name == "retention") {
+      const std::optional<uint64_t> events = number(value, std::numeric_limits<int64_t>::max());
+      if (!events) return invalid("a whole number of events");
+      url.retention.events = *events;
+    } else if (name == "retention-age") {
+      const std::optional<std::chrono::milliseconds> age = duration(value);
+      if (!age || age->count() % 1000 != 0) {
+        return invalid("a DURATION of whole seconds such as 90s, 30m, 12h or 7d");
+      }
+      url.retention.age = std::chrono::duration_cast<std::chrono::seconds>(*age);
+    } else if (name == "timeout" && url.kind == ServiceURL::Kind::kRedis) {
+      const std::optional<std::chrono::milliseconds> timeout = duration(value);
+      if (!timeout || timeout->count() == 0) {
+        return invalid("a DURATION above 0 such as 500ms, 5s or 1m");
+      }
+      url.timeout = *timeout;
+    } else if (name == "db" && !url.socketPath.empty()) {
+      const std::optional<uint64_t> db = number(value, std::numeric_limits<int>::max());
+      if (!db) return invalid("a whole number");
+      url.db = static_cast<int>(*db);
+    } else {
+      return fail("it has no option \"" + std::string(name) + "\" for this form");
+    }
+    return true;
+  }
+
+  std::string_view text;
+  std::string& problem;
+  ServiceURL url;
+};
+
+}  // namespace
+
+std::optional<ServiceURL> parseServiceURL(std::string_view text, std::string& problem) {
+  return Parser(text, problem).parse();
+}
+
+}  // namespace Kestrane::Net::KsModelEventManager::Binding

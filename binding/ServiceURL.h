@@ -1,0 +1,53 @@
+// The service that KSMEM_SERVICE names, read from its text:
+//   unset, empty or "embedded"                     the service inside this process
+//   "redis://[USER:PASSWORD@]HOST[:PORT][/DB]"     a service kept in Redis, over TCP (port 6379
+//                                                  and database 0 unless given)
+//   "unix://[USER:PASSWORD@]/PATH/TO/SOCKET"       the same, through a Unix socket
+// Each form may end in "?NAME=VALUE&..." with the options
+//   retention=EVENTS        events a server's log keeps at most (0: no limit by count)
+//   retention-age=DURATION  how long a server's log keeps an event (0: no limit by age)
+//   timeout=DURATION        how long connecting and each Redis command may take (Redis only)
+//   db=N                    the Redis database (unix:// only; redis:// names it in its path)
+// A DURATION is a whole number with the unit ms, s, m, h or d (seconds when none is given).
+// Credentials are percent-decoded; with a user, Redis is asked to AUTH as that user, with a
+// password alone as the default user.
+#ifndef KSMEM_BINDING_SERVICEURL_H_
+#define KSMEM_BINDING_SERVICEURL_H_
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Kestrane::Net::KsModelEventManager::Binding {
+
+// What a server's log keeps of events that not every client has acknowledged.
+struct Retention {
+  uint64_t events = 100000;                    // 0: no limit by count
+  std::chrono::seconds age{7 * 24 * 60 * 60};  // 0: no limit by age
+};
+
+struct ServiceURL {
+  enum class Kind { kEmbedded, kRedis };
+  Kind kind = Kind::kEmbedded;
+  // The text as given but with the password replaced by "***": the name of the service in
+  // every failure text.
+  std::string shown;
+  std::string host;  // TCP, when socketPath is empty
+  int port = 6379;
+  std::string socketPath;  // a Unix socket
+  std::string user;        // empty: the default user
+  std::string password;    // empty: no AUTH
+  int db = 0;
+  std::chrono::milliseconds timeout{5000};
+  Retention retention;
+};
+
+// The service that `text` names, or nothing with `problem` set to a sentence that says what is
+// wrong with it and lists the accepted forms (the password is never in it).
+std::optional<ServiceURL> parseServiceURL(std::string_view text, std::string& problem);
+
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
+
+#endif  // KSMEM_BINDING_SERVICEURL_H_
