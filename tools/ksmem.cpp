@@ -1,9 +1,16 @@
 // ksmem: a command-line client of the Model Event Manager service.
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "client/KsMEMConnection.h"
@@ -33,22 +40,39 @@ const char kUsage[] =
     "           that is registered already keeps its place and its pending events\n"
     "  put --server S --client C TEXT\n"
     "           register, then post TEXT as one event to every other client of S\n"
-    "  get --server S --client C\n"
-    "           register, then print the pending events of C exactly as they were posted\n"
+    "  get --server S --client C [--follow]\n"
+    "           register, then print the pending events of C exactly as they were posted,\n"
+    "           fetching until none is left; with --follow, go on printing events as they\n"
+    "           arrive until interrupted (Ctrl-C)\n"
     "  unregister --server S --client C\n"
     "           remove client C and its pending events\n"
+    "  clients --server S\n"
+    "           list the clients of S with the events each has pending and the age of the\n"
+    "           oldest, so that a client that stopped fetching shows before the retention\n"
+    "           limit drops its events\n"
     "  --help   show this text\n"
     "\n"
     "--service URL chooses the service, in place of the environment variable KSMEM_SERVICE:\n"
-    "  embedded (the default)           the service inside this process\n"
-    "  redis://HOST[:PORT][/DB]         a service kept in Redis (port 6379 unless given)\n"
-    "  unix:///PATH/TO/SOCKET[?db=N]    the same, through a Unix socket\n"
+    "  embedded (the default)                     the service inside this process\n"
+    "  redis://[USER:PASSWORD@]HOST[:PORT][/DB]   a service kept in Redis (port 6379 unless\n"
+    "                                             given)\n"
+    "  unix://[USER:PASSWORD@]/PATH/TO/SOCKET     the same, through a Unix socket\n"
+    "Each may end in ?OPTION=VALUE&... with the options\n"
+    "  retention=EVENTS         events a server's log keeps (default 100000; 0: no limit)\n"
+    "  retention-age=DURATION   how long it keeps them (default 7d; 0: no limit)\n"
+    "  timeout=DURATION         time limit of connecting and of each command (default 5s)\n"
+    "  db=N                     the database, for unix://\n"
+    "A DURATION is a whole number with the unit ms, s, m, h or d, e.g. 500ms or 12h.\n"
     "\n"
     "Two processes exchange an event through Redis (bob registers first, so that alice's\n"
     "event is queued for him):\n"
     "  ksmem --service redis://127.0.0.1:6379 register --server S --client bob\n"
     "  ksmem --service redis://127.0.0.1:6379 put --server S --client alice \"text\"\n"
     "  ksmem --service redis://127.0.0.1:6379 get --server S --client bob\n";
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void interrupt(int) { interrupted = 1; }
 
 std::string listText(const std::vector<std::string>& clients) {
   std::string text = "[";
@@ -114,10 +138,105 @@ int demo() {
   return 0;
 }
 
+// Fetches until a fetch brings nothing. Each fetch acknowledges what the one before it
+// handed over, so the events printed are not fetched again by the next process.
+void printPendingEvents(KsMEMConnection& connection) {
+  std::string events, correlation = "ksmem";
+  std::vector<std::string> clients;
+  do {
+    connection.getEvents(events, clients, correlation);
+    std::cout << events << std::flush;
+  } while (!events.empty());
+}
+
+// Prints events as they arrive, looking again at once while events come and backing off to a
+// second while none do, until SIGINT or SIGTERM; then fetches what is left, so that what was
+// printed is acknowledged. A service that cannot be reached is tried again each second.
+void followEvents(KsMEMConnection& connection) {
+  struct sigaction action {};
+  action.sa_handler = interrupt;
+  action.sa_flags = SA_RESETHAND;  // a second Ctrl-C ends the process at once
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  std::string events, correlation = "ksmem";
+  std::vector<std::string> clients;
+  auto pause = std::chrono::milliseconds(0);
+  while (!interrupted) {
+    try {
+      connection.getEvents(events, clients, correlation);
+      std::cout << events << std::flush;
+      pause = events.empty() ? std::min(std::max(pause * 2, std::chrono::milliseconds(50)),
+                                        std::chrono::milliseconds(1000))
+                             : std::chrono::milliseconds(0);
+    } catch (const Client::KsMEMConnectionException& e) {
+      std::cerr << "ksmem: " << e.getMessage() << "; trying again\n";
+      pause = std::chrono::milliseconds(1000);
+    }
+    for (auto slept = std::chrono::milliseconds(0); slept < pause && !interrupted;
+         slept += std::chrono::milliseconds(10)) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  printPendingEvents(connection);
+}
+
+// "3 d 4 h", "5 m 3 s", "850 ms": an age for people.
+std::string ageText(long long milliseconds) {
+  if (milliseconds < 0) return "-";
+  if (milliseconds < 1000) return std::to_string(milliseconds) + " ms";
+  const long long seconds = milliseconds / 1000;
+  const struct {
+    long long size;
+    const char* unit;
+  } units[] = {{86400, "d"}, {3600, "h"}, {60, "m"}, {1, "s"}};
+  for (std::size_t i = 0; i + 1 < std::size(units); ++i) {
+    if (seconds >= units[i].size) {
+      return std::to_string(seconds / units[i].size) + " " + units[i].unit + " " +
+             std::to_string(seconds % units[i].size / units[i + 1].size) + " " + units[i + 1].unit;
+    }
+  }
+  return std::to_string(seconds) + " s";
+}
+
+// The clients of `server` with their backlogs, as the stand-in's service reports them through
+// its operator operation getClientBacklogs, which no client library call makes.
+int listClients(const std::string& server) {
+  const char* reason = nullptr;
+  const auto failed = [&](int32_t code) {
+    KsMem_GetLastError(&reason);
+    std::cerr << "ksmem: " << (reason != nullptr ? reason : "the transport failed") << " (code "
+              << code << ")\n";
+    return 1;
+  };
+  int32_t result = KsMem_Init(std::malloc, std::free);
+  if (result != 0) return failed(result);
+  const std::string request =
+      "Operation-Name=getClientBacklogs\r\nServer-ID=" + server + "\r\n\r\n";
+  if ((result = KsMem_Send(request.c_str())) < 0 || (result = KsMem_SendEOF()) < 0) {
+    return failed(result);
+  }
+  std::string reply;
+  char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
+  while ((result = KsMem_Receive(buffer)) != -1) {
+    if (result < 0) return failed(result);
+    reply.append(buffer, static_cast<std::size_t>(result));
+  }
+  KsMem_Complete();
+  std::istringstream lines(reply);
+  std::printf("%-24s %10s  %s\n", "CLIENT", "PENDING", "OLDEST PENDING");
+  unsigned long long pending;
+  long long age;
+  std::string client;
+  while (lines >> pending >> age >> client) {
+    std::printf("%-24s %10llu  %s\n", client.c_str(), pending, ageText(age).c_str());
+  }
+  return 0;
+}
+
 // register, put, get and unregister: each process registers again, which keeps the client's
 // place and pending events, so that the client lives on between processes.
 int clientCommand(const std::string& command, std::string server, std::string client,
-                  std::string text) {
+                  std::string text, bool follow) {
   KsMEMConnection connection;
   std::string locale;
   std::string correlation = "ksmem";
@@ -131,9 +250,7 @@ int clientCommand(const std::string& command, std::string server, std::string cl
     connection.putEvents(text, clients, correlation);
     std::cout << "queued for " << listText(clients) << "\n";
   } else if (command == "get") {
-    std::string events;
-    connection.getEvents(events, clients, correlation);
-    std::cout << events << std::flush;
+    follow ? followEvents(connection) : printPendingEvents(connection);
   } else {
     clients.clear();
     connection.unregisterClient(clients);
@@ -156,8 +273,11 @@ int main(int argc, char** argv) {
   const std::string command = at < args.size() ? args[at++] : "";
   std::string server, client;
   std::vector<std::string> operands;
+  bool follow = false;
   for (; at < args.size(); ++at) {
-    if (args[at] == "--server" && at + 1 < args.size()) {
+    if (args[at] == "--follow" && command == "get") {
+      follow = true;
+    } else if (args[at] == "--server" && at + 1 < args.size()) {
       server = args[++at];
     } else if (args[at] == "--client" && at + 1 < args.size()) {
       client = args[++at];
@@ -167,14 +287,17 @@ int main(int argc, char** argv) {
   }
   const bool clientOperation =
       command == "register" || command == "put" || command == "get" || command == "unregister";
-  const bool complete = clientOperation ? !server.empty() && !client.empty() &&
-                                              operands.size() == (command == "put" ? 1u : 0u)
-                                        : server.empty() && client.empty() && operands.empty();
+  const bool complete =
+      clientOperation
+          ? !server.empty() && !client.empty() && operands.size() == (command == "put" ? 1u : 0u)
+      : command == "clients" ? !server.empty() && client.empty() && operands.empty()
+                             : server.empty() && client.empty() && operands.empty();
   try {
     if (complete && command == "status") return status();
     if (complete && command == "demo") return demo();
+    if (complete && command == "clients") return listClients(server);
     if (complete && clientOperation) {
-      return clientCommand(command, server, client, operands.empty() ? "" : operands[0]);
+      return clientCommand(command, server, client, operands.empty() ? "" : operands[0], follow);
     }
     if (command == "--help" || command == "-h") {
       std::cout << kUsage;
