@@ -1,12 +1,18 @@
-// Round trips through KsMEMConnection (alice posts an event with putEvents, bob fetches it with
-// getEvents, which also lists the shared clients) against the embedded service and against
-// Redis on loopback, beside the Redis commands that such a round trip needs at the least, sent
-// one at a time over a bare socket: the ceiling for the Redis case.
+// The service of the stand-in transport, embedded and kept in Redis on loopback:
+//   round_trip_*        alice posts an event with putEvents and bob fetches it with getEvents
+//                       (which also lists the shared clients), through KsMEMConnection; for
+//                       Redis beside the commands such a round trip needs at the least, sent
+//                       one at a time over a bare socket
+//   idle_fetch, put     one getEvents with nothing pending, and one putEvents, at the transport
+//                       (no XML parse), by a client of a server with 1000 clients beside the
+//                       same with 2 clients
+//   memory_per_event    what Redis holds per posted event of 1000 bytes that no client has
+//                       fetched yet, over the event's size, at 2, 100 and 1000 clients
 //
-// A process talks to the one service KSMEM_SERVICE names at its first KsMem_Init, so each
-// round-trip case runs its connections in a forked child of its own: the benchmark asks the
-// child for one round trip at a time and takes the time that the child measured around it.
-// The Redis cases start a redis-server of their own and are skipped, saying why, without one.
+// A process talks to the one service KSMEM_SERVICE names at its first KsMem_Init, so each case
+// runs in a forked child of its own: the benchmark asks the child for one operation at a time
+// and takes the time that the child measured around it. The Redis cases start a redis-server
+// of their own and are skipped, saying why, without one.
 #include <benchmark/benchmark.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,11 +20,15 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "client/KsMEMConnection.h"
+#include "client/KsMemBinding.h"
 #include "tests/standin/RedisServer.h"
 #include "tests/standin/RedisWire.h"
 
@@ -46,11 +56,14 @@ RedisServer* loopbackRedis(std::string& problem) {
   return server.get();
 }
 
-// alice and bob of one server, in a child process that uses `service`. Each request makes the
-// child do one round trip and answer with the nanoseconds it took, or -1 once it failed.
-class RoundTripChild {
+// A child process that uses `service`: it runs `setUp` once, which gives the operation, then
+// runs the operation once for each request of the parent and answers with the nanoseconds it
+// took, or -1 once it failed (or threw).
+class ServiceChild {
  public:
-  explicit RoundTripChild(const std::string& service) {
+  using Operation = std::function<bool()>;
+
+  ServiceChild(const std::string& service, const std::function<Operation()>& setUp) {
     int requests[2], answers[2];
     if (pipe(requests) != 0 || pipe(answers) != 0) return;
     pid = fork();
@@ -58,7 +71,7 @@ class RoundTripChild {
       close(requests[1]);
       close(answers[0]);
       setenv("KSMEM_SERVICE", service.c_str(), 1);
-      serve(requests[0], answers[1]);
+      serve(setUp, requests[0], answers[1]);
       _exit(0);
     }
     close(requests[0]);
@@ -66,16 +79,16 @@ class RoundTripChild {
     requestEnd = requests[1];
     answerEnd = answers[0];
   }
-  ~RoundTripChild() {
+  ~ServiceChild() {
     close(requestEnd);
     close(answerEnd);
     if (pid > 0) waitpid(pid, nullptr, 0);
   }
-  RoundTripChild(const RoundTripChild&) = delete;
-  RoundTripChild& operator=(const RoundTripChild&) = delete;
+  ServiceChild(const ServiceChild&) = delete;
+  ServiceChild& operator=(const ServiceChild&) = delete;
 
-  // Nanoseconds of one round trip, or -1.
-  int64_t roundTrip() {
+  // Nanoseconds of one operation, or -1.
+  int64_t timeOne() {
     int64_t nanoseconds = -1;
     if (write(requestEnd, "r", 1) != 1 ||
         read(answerEnd, &nanoseconds, sizeof nanoseconds) != sizeof nanoseconds) {
@@ -85,26 +98,19 @@ class RoundTripChild {
   }
 
  private:
-  static void serve(int requests, int answers) {
+  static void serve(const std::function<Operation()>& setUp, int requests, int answers) {
+    int64_t nanoseconds = -1;
     try {
-      std::string server = "bench-" + std::to_string(getpid()), aliceID = "alice", bobID = "bob";
-      std::string locale, correlation = "bench", event = kEvent, events;
-      std::vector<std::string> clients;
-      KsMEMConnection alice, bob;
-      alice.registerClient(server, aliceID, locale, clients);
-      bob.registerClient(server, bobID, locale, clients);
+      const Operation operation = setUp();
       for (char request; read(requests, &request, 1) == 1;) {
         const Clock::time_point start = Clock::now();
-        clients.clear();
-        alice.putEvents(event, clients, correlation);
-        bob.getEvents(events, clients, correlation);
-        const int64_t nanoseconds =
-            events == kEvent ? (Clock::now() - start) / std::chrono::nanoseconds(1) : -1;
-        if (write(answers, &nanoseconds, sizeof nanoseconds) != sizeof nanoseconds) return;
+        const bool done = operation();
+        nanoseconds = done ? (Clock::now() - start) / std::chrono::nanoseconds(1) : -1;
+        if (write(answers, &nanoseconds, sizeof nanoseconds) != sizeof nanoseconds || !done) return;
       }
-    } catch (const Exception&) {
-      const int64_t failed = -1;
-      if (write(answers, &failed, sizeof failed) != sizeof failed) return;
+    } catch (...) {
+      nanoseconds = -1;
+      if (write(answers, &nanoseconds, sizeof nanoseconds) != sizeof nanoseconds) return;
     }
   }
 
@@ -113,68 +119,175 @@ class RoundTripChild {
   int answerEnd = -1;
 };
 
-void roundTrips(benchmark::State& state, const std::string& service) {
-  RoundTripChild child(service);
-  if (child.roundTrip() < 0) {  // warms up too: connections, scripts, the XML library
-    state.SkipWithError(("no round trip with KSMEM_SERVICE=" + service).c_str());
+// Times the child's operation once per iteration (the first run warms up: connections,
+// scripts, the XML library).
+void timeInChild(benchmark::State& state, ServiceChild& child) {
+  if (child.timeOne() < 0) {
+    state.SkipWithError("the operation failed in the child");
     return;
   }
-  double seconds = 0;
   for (auto _ : state) {
-    const int64_t nanoseconds = child.roundTrip();
+    const int64_t nanoseconds = child.timeOne();
     if (nanoseconds < 0) {
-      state.SkipWithError("a round trip failed");
+      state.SkipWithError("the operation failed in the child");
       break;
     }
-    seconds += nanoseconds * 1e-9;
     state.SetIterationTime(nanoseconds * 1e-9);
   }
-  state.counters["round_trips_per_s"] = static_cast<double>(state.iterations()) / seconds;
 }
 
-void BM_RoundTripEmbedded(benchmark::State& state) { roundTrips(state, "embedded"); }
+// alice posts, bob fetches, through KsMEMConnection.
+ServiceChild::Operation roundTrip() {
+  auto alice = std::make_shared<KsMEMConnection>(), bob = std::make_shared<KsMEMConnection>();
+  std::string server = "bench-" + std::to_string(getpid()), aliceID = "alice", bobID = "bob";
+  std::string locale;
+  std::vector<std::string> clients;
+  alice->registerClient(server, aliceID, locale, clients);
+  bob->registerClient(server, bobID, locale, clients);
+  return [alice, bob] {
+    std::string correlation = "bench", event = kEvent, events;
+    std::vector<std::string> clients;
+    alice->putEvents(event, clients, correlation);
+    bob->getEvents(events, clients, correlation);
+    return events == kEvent;
+  };
+}
+
+// One exchange in the text form, straight through the transport's entries; the reply, or
+// nothing when it failed.
+std::optional<std::string> exchange(const std::string& operation, const std::string& server,
+                                    const std::string& client, const std::string& body = "") {
+  const std::string request =
+      "Client-ID=" + client + "\r\nLog-Correlation-ID=bench\r\nOperation-Name=" + operation +
+      "\r\nServer-ID=" + server + "\r\nService-Name=KsMEMRequest\r\n\r\n" + body;
+  if (KsMem_Send(request.c_str()) < 0 || KsMem_SendEOF() < 0) return std::nullopt;
+  std::string reply;
+  char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
+  for (int32_t count; (count = KsMem_Receive(buffer)) != -1;) {
+    if (count < 0) return std::nullopt;
+    reply.append(buffer, static_cast<std::size_t>(count));
+  }
+  KsMem_Complete();
+  return reply;
+}
+
+// Registers `clients` clients "c0", "c1", ... of a server of this process's own; gives the
+// server's identifier.
+std::string serverWithClients(int clients) {
+  if (KsMem_Init(std::malloc, std::free) != 0) throw std::runtime_error("no transport");
+  const std::string server = "bench-" + std::to_string(getpid());
+  for (int c = 0; c < clients; ++c) {
+    if (!exchange("registerClient", server, "c" + std::to_string(c))) {
+      throw std::runtime_error("registerClient failed");
+    }
+  }
+  return server;
+}
+
+void BM_RoundTripEmbedded(benchmark::State& state) {
+  ServiceChild child("embedded", roundTrip);
+  timeInChild(state, child);
+}
 
 void BM_RoundTripRedis(benchmark::State& state) {
   std::string problem;
   RedisServer* redis = loopbackRedis(problem);
-  if (redis == nullptr) {
-    state.SkipWithError(problem.c_str());
-    return;
-  }
-  roundTrips(state, redis->url());
+  if (redis == nullptr) return state.SkipWithError(problem.c_str());
+  ServiceChild child(redis->url(), roundTrip);
+  timeInChild(state, child);
 }
 
-// What a round trip has Redis do at the least, one command at a time: putEvents reads the
-// clients and queues the event, getEvents takes the pending events and lists the clients.
+// What a round trip has Redis do at the least, one command at a time. putEvents: check that
+// alice is registered, append the event, list the clients; getEvents: read bob's cursor, move
+// it, read what follows; getSharedClients: check that bob is registered, list the clients.
 void BM_RawRedisCommandsOfARoundTrip(benchmark::State& state) {
   std::string problem;
   RedisServer* redis = loopbackRedis(problem);
-  if (redis == nullptr) {
-    state.SkipWithError(problem.c_str());
-    return;
-  }
+  if (redis == nullptr) return state.SkipWithError(problem.c_str());
   RedisWire wire = redis->wire();
-  const std::string clients = "raw-" + std::to_string(getpid()) + ":clients";
-  const std::string events = "raw-" + std::to_string(getpid()) + ":events:bob";
-  wire.command({"DEL", clients});
-  wire.command({"RPUSH", clients, "alice", "bob"});
-  const Clock::time_point start = Clock::now();
+  const std::string prefix = "raw-" + std::to_string(getpid());
+  const std::string clients = prefix + ":clients", cursors = prefix + ":cursors",
+                    log = prefix + ":log";
+  wire.command({"DEL", clients, cursors, log});
+  wire.command({"ZADD", clients, "1", "alice", "2", "bob"});
+  wire.command({"HSET", cursors, "alice", "0-0", "bob", "0-0"});
   for (auto _ : state) {
-    wire.command({"LRANGE", clients, "0", "-1"});
-    wire.command({"RPUSH", events, kEvent});
-    wire.command({"LRANGE", events, "0", "-1"});
-    wire.command({"DEL", events});
-    if (wire.command({"LRANGE", clients, "0", "-1"}).size() != 2) {
+    wire.command({"HGET", cursors, "alice"});
+    const std::vector<std::string> id =
+        wire.command({"XADD", log, "*", "sender", "alice", "event", kEvent});
+    wire.command({"ZRANGE", clients, "0", "-1"});
+    const std::vector<std::string> cursor = wire.command({"HGET", cursors, "bob"});
+    const std::vector<std::string> read =
+        wire.command({"XRANGE", log, "(" + (cursor.empty() ? "0-0" : cursor[0]), "+"});
+    wire.command({"HSET", cursors, "bob", id.empty() ? "0-0" : id[0]});
+    wire.command({"HEXISTS", cursors, "bob"});
+    if (read.size() != 5 || wire.command({"ZRANGE", clients, "0", "-1"}).size() != 2) {
       state.SkipWithError("Redis did not answer as it should");
       break;
     }
   }
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  state.counters["round_trips_per_s"] = static_cast<double>(state.iterations()) / seconds;
 }
 
-BENCHMARK(BM_RoundTripEmbedded)->UseManualTime();
-BENCHMARK(BM_RoundTripRedis)->UseManualTime();
-BENCHMARK(BM_RawRedisCommandsOfARoundTrip)->UseRealTime();
+// A getEvents with nothing pending, or a putEvents, by c0 of a server with `clients` clients.
+void atTransport(benchmark::State& state, const std::string& operation, int clients) {
+  std::string problem;
+  RedisServer* redis = loopbackRedis(problem);
+  if (redis == nullptr) return state.SkipWithError(problem.c_str());
+  ServiceChild child(redis->url(), [&]() -> ServiceChild::Operation {
+    const std::string server = serverWithClients(clients);
+    return [server, operation] { return exchange(operation, server, "c0", kEvent).has_value(); };
+  });
+  timeInChild(state, child);
+}
+
+// Redis's memory for kPosted events of 1000 bytes that none of `clients` clients has fetched,
+// per event and over the event's size. One iteration: it fills a server of its own.
+void memoryPerEvent(benchmark::State& state, int clients) {
+  constexpr int kPosted = 2000;
+  std::string problem;
+  RedisServer* redis = loopbackRedis(problem);
+  if (redis == nullptr) return state.SkipWithError(problem.c_str());
+  ServiceChild child(redis->url(), [&]() -> ServiceChild::Operation {
+    const std::string server = serverWithClients(clients);
+    return [server] {
+      std::string event(1000, '.');
+      for (int i = 0; i < kPosted; ++i) {
+        event.replace(0, 8, std::to_string(10000000 + i));
+        if (!exchange("putEvents", server, "c0", event)) return false;
+      }
+      return true;
+    };
+  });
+  RedisWire wire = redis->wire();
+  for (auto _ : state) {
+    const long long before = wire.infoInteger("used_memory");
+    if (child.timeOne() < 0) return state.SkipWithError("posting failed in the child");
+    const long long after = wire.infoInteger("used_memory");
+    state.counters["memory_over_event_size"] =
+        static_cast<double>(after - before) / kPosted / 1000.0;
+  }
+}
+
+const bool registered = [] {
+  using benchmark::RegisterBenchmark;
+  RegisterBenchmark("round_trip_embedded/ksmem", BM_RoundTripEmbedded)->UseManualTime();
+  RegisterBenchmark("round_trip_redis/ksmem", BM_RoundTripRedis)->UseManualTime();
+  RegisterBenchmark("round_trip_redis/raw_commands", BM_RawRedisCommandsOfARoundTrip)
+      ->UseRealTime();
+  for (const char* operation : {"getEvents", "putEvents"}) {
+    const std::string row =
+        operation == std::string("getEvents") ? "idle_fetch_redis/" : "put_redis/";
+    RegisterBenchmark((row + "2_clients").c_str(), atTransport, operation, 2)->UseManualTime();
+    RegisterBenchmark((row + "ksmem_1000_clients").c_str(), atTransport, operation, 1000)
+        ->UseManualTime();
+  }
+  for (const int clients : {2, 100, 1000}) {
+    RegisterBenchmark(
+        ("memory_per_event_redis/ksmem_" + std::to_string(clients) + "_clients").c_str(),
+        memoryPerEvent, clients)
+        ->Iterations(1);
+  }
+  return true;
+}();
 
 }  // namespace

@@ -48,6 +48,8 @@ awk '
     if (row ~ /^send_/ && reference == "memcpy") return 2
     if (row ~ /^parse_/ && reference == "xerces_sax2_empty") return 2
     if (row == "escape_1MiB_5pct" && reference == "copy") return 10
+    if (row == "round_trip_redis" && reference == "raw_commands") return 3
+    if (row == "idle_fetch_redis" && reference == "2_clients") return 1.5
     return 0
   }
   function split_name(name) {
@@ -64,6 +66,7 @@ awk '
     cpu[key] = ns(field["cpu_time"], field["time_unit"])
     real[key] = ns(field["real_time"], field["time_unit"])
     faults[key] = ("page_faults" in field) ? field["page_faults"] : ""
+    memory[key] = ("memory_over_event_size" in field) ? field["memory_over_event_size"] : ""
     failed[key] = field["error_occurred"] == "true" ? field["error_message"] : ""
     name = ""
   }
@@ -96,12 +99,16 @@ awk '
             printf "%-30s %-17s failed: %s%s\n", row, names[s], failed[subject], failed[reference]
             continue
           }
-          ratio = cpu[subject] / cpu[reference]
+          # Work done in another process (a child, Redis) is measured by the clock.
+          clock = cpu[subject] < 0.1 * real[subject]
+          a = clock ? real[subject] : cpu[subject]
+          b = clock ? real[reference] : cpu[reference]
+          ratio = a / b
           goal = target(row, names[t])
-          verdict = goal ? sprintf("<=%dx %s", goal, ratio <= goal ? "met" : "MISSED") : ""
+          verdict = goal ? sprintf("<=%gx %s", goal, ratio <= goal ? "met" : "MISSED") : ""
           pf = faults[subject] != "" ? sprintf("%.0f vs %.0f", faults[subject], faults[reference]) : ""
           printf "%-30s %-17s %10s  %-18s %10s %7.2fx  %-12s %s\n", row, names[s],
-                 show(cpu[subject]), names[t], show(cpu[reference]), ratio, verdict, pf
+                 show(a) (clock ? " real" : ""), names[t], show(b), ratio, verdict, pf
         }
       }
       if (!paired) {
@@ -109,6 +116,9 @@ awk '
           key = row SUBSEP names[s]
           label = names[s] == "" ? row : row "/" names[s]
           if (failed[key] != "") printf "%-48s failed: %s\n", label, failed[key]
+          else if (memory[key] != "")
+            printf "%-48s %6.2fx the event size in Redis memory  <=3x %s\n", label, memory[key],
+                   memory[key] <= 3 ? "met" : "MISSED"
           else printf "%-48s %10s CPU, %s real\n", label, show(cpu[key]), show(real[key])
         }
       }
