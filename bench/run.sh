@@ -50,6 +50,7 @@ awk '
     if (row == "escape_1MiB_5pct" && reference == "copy") return 10
     if (row == "round_trip_redis" && reference == "raw_commands") return 3
     if (row == "idle_fetch_redis" && reference == "2_clients") return 1.5
+    if (row == "round_trip_cluster" && reference == "single_redis") return 1.3
     return 0
   }
   function split_name(name) {

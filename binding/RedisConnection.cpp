@@ -58,7 +58,8 @@ std::string timeLimitText(const ServiceURL& url) {
 
 }  // namespace
 
-RedisConnection::RedisConnection(const ServiceURL& url) : url(url) {}
+RedisConnection::RedisConnection(const ServiceURL& url, const Endpoint* node)
+    : url(url), node(node) {}
 
 RedisConnection::~RedisConnection() { close(); }
 
@@ -67,10 +68,17 @@ void RedisConnection::close() {
   context = nullptr;
 }
 
-void RedisConnection::unreachable(const std::string& reason) {
+template <typename Failure>
+void RedisConnection::fail(const char* what, const std::string& reason) {
   close();
-  throw ServiceFailure{kServiceUnreachable,
-                       "cannot reach the service at " + url.shown + ": " + reason};
+  Failure failure;
+  failure.code = kServiceUnreachable;
+  failure.text = what + url.shown + ": ";
+  if (url.kind == ServiceURL::Kind::kRedisCluster) {
+    failure.text += "node " + node->host + ":" + std::to_string(node->port) + ": ";
+  }
+  failure.text += reason;
+  throw failure;
 }
 
 void RedisConnection::refused(const redisReply& error) const {
@@ -83,55 +91,75 @@ void RedisConnection::unexpected() const {
                                             " gave a reply of another kind than was asked for"};
 }
 
-void RedisConnection::open() {
-  const timeval limit = timeLimit(url);
-  context = url.socketPath.empty() ? redisConnectWithTimeout(url.host.c_str(), url.port, limit)
-                                   : redisConnectUnixWithTimeout(url.socketPath.c_str(), limit);
-  if (context == nullptr) throw std::bad_alloc();
-  if (context->err != 0 || redisSetTimeout(context, limit) != REDIS_OK)
-    unreachable(context->errstr);
-  std::string why;
-  const auto setUp = [&](const std::vector<std::string_view>& parts) {
-    const RedisReply reply = send(parts, why);
-    if (reply == nullptr) unreachable(why);
-    if (reply->type == REDIS_REPLY_ERROR) unreachable(std::string(reply->str, reply->len));
-  };
-  if (!url.password.empty() && url.user.empty()) setUp({"AUTH", url.password});
-  if (!url.password.empty() && !url.user.empty()) setUp({"AUTH", url.user, url.password});
-  if (url.db != 0) setUp({"SELECT", std::to_string(url.db)});
-}
-
-RedisReply RedisConnection::send(const std::vector<std::string_view>& parts, std::string& why) {
+std::vector<RedisReply> RedisConnection::send(const std::vector<RedisCommand>& batch,
+                                              std::string& why) {
   std::vector<const char*> argv;
   std::vector<std::size_t> lengths;
-  argv.reserve(parts.size());
-  lengths.reserve(parts.size());
-  for (const std::string_view part : parts) {
-    argv.push_back(part.data());
-    lengths.push_back(part.size());
+  for (const RedisCommand& parts : batch) {
+    argv.clear();
+    lengths.clear();
+    for (const std::string_view part : parts) {
+      argv.push_back(part.data());
+      lengths.push_back(part.size());
+    }
+    if (redisAppendCommandArgv(context, static_cast<int>(argv.size()), argv.data(),
+                               lengths.data()) != REDIS_OK) {
+      throw std::bad_alloc();
+    }
   }
+  std::vector<RedisReply> replies;
+  replies.reserve(batch.size());
   errno = 0;
-  auto* reply = static_cast<redisReply*>(
-      redisCommandArgv(context, static_cast<int>(argv.size()), argv.data(), lengths.data()));
-  if (reply != nullptr) return RedisReply(reply);
-  const bool timedOut = context->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK);
-  why = timedOut ? "no reply within " + timeLimitText(url) : std::string(context->errstr);
-  close();
-  return nullptr;
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    void* reply = nullptr;
+    if (redisGetReply(context, &reply) != REDIS_OK || reply == nullptr) {
+      const bool timedOut =
+          context->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK);
+      why = timedOut ? "no reply within " + timeLimitText(url) : std::string(context->errstr);
+      return {};
+    }
+    replies.emplace_back(static_cast<redisReply*>(reply));
+  }
+  return replies;
 }
 
-RedisReply RedisConnection::command(const std::vector<std::string_view>& parts) {
+void RedisConnection::open() {
+  const timeval limit = timeLimit(url);
+  context = node != nullptr ? redisConnectWithTimeout(node->host.c_str(), node->port, limit)
+                            : redisConnectUnixWithTimeout(url.socketPath.c_str(), limit);
+  if (context == nullptr) throw std::bad_alloc();
+  if (context->err != 0 || redisSetTimeout(context, limit) != REDIS_OK) {
+    fail<NotConnected>("cannot reach the service at ", context->errstr);
+  }
+  std::vector<RedisCommand> setUp;
+  if (!url.password.empty() && url.user.empty()) setUp.push_back({"AUTH", url.password});
+  if (!url.password.empty() && !url.user.empty()) {
+    setUp.push_back({"AUTH", url.user, url.password});
+  }
+  const std::string db = std::to_string(url.db);
+  if (url.db != 0) setUp.push_back({"SELECT", db});
+  if (setUp.empty()) return;
+  std::string why;
+  const std::vector<RedisReply> replies = send(setUp, why);
+  if (replies.empty()) fail<NotConnected>("cannot reach the service at ", why);
+  for (const RedisReply& reply : replies) {
+    if (reply->type == REDIS_REPLY_ERROR) {
+      fail<ServiceFailure>("cannot reach the service at ", std::string(reply->str, reply->len));
+    }
+  }
+}
+
+std::vector<RedisReply> RedisConnection::commands(const std::vector<RedisCommand>& batch) {
   const PipeSignalHeld held;
   if (context == nullptr) open();
   std::string why;
-  RedisReply reply = send(parts, why);
-  if (reply == nullptr) {
-    ReplyLost lost;
-    lost.code = kServiceUnreachable;
-    lost.text = "lost the connection to the service at " + url.shown + ": " + why;
-    throw lost;
-  }
-  return reply;
+  std::vector<RedisReply> replies = send(batch, why);
+  if (replies.empty()) fail<ReplyLost>("lost the connection to the service at ", why);
+  return replies;
+}
+
+RedisReply RedisConnection::command(const RedisCommand& parts) {
+  return std::move(commands({parts}).front());
 }
 
 }  // namespace Kestrane::Net::KsModelEventManager::Binding

@@ -1,15 +1,19 @@
-// One connection to one Redis server, used by one thread at a time. It connects when a command
-// first needs it, within the service URL's time limit, then authenticates (AUTH) and selects
-// the database as the URL says; each command waits at most that time limit for its reply.
-// While a command runs, SIGPIPE is held back from the thread, so that a connection that Redis
-// closed fails the command rather than ending the process.
+// One connection to one Redis server (the service's, or one node of its cluster), used by one
+// thread at a time. It connects when a command first needs it, within the service URL's time
+// limit, then authenticates (AUTH) and selects the database as the URL says; each command waits
+// at most that time limit for its reply. While it sends, SIGPIPE is held back from the thread,
+// so that a connection that Redis closed fails the command rather than ending the process.
 //
-// Failures throw ServiceFailure with kServiceUnreachable and a text that names the service (its
-// password hidden) and the reason: "cannot reach the service at URL: ..." when connecting or
-// authenticating fails, and ReplyLost, "lost the connection to the service at URL: ...", when
-// a command went out and no reply came back (the connection broke or the time limit passed):
-// Redis may or may not have run it. Either way the connection is closed, and the next command
-// connects again. An error reply of Redis is a reply like any other.
+// Failures throw, each a ServiceFailure with kServiceUnreachable and a text that names the
+// service (its password hidden), the node when it is one of a cluster's, and the reason:
+//   NotConnected  "cannot reach the service at URL: ..." when connecting fails;
+//   ServiceFailure of its own kind, with the same text, when Redis refuses the password or the
+//                 database, which trying again would not mend;
+//   ReplyLost     "lost the connection to the service at URL: ..." when a command went out and
+//                 no reply came back (the connection broke or the time limit passed): Redis may
+//                 or may not have run it.
+// Either way the connection is closed, and the next command connects again. An error reply of
+// Redis is a reply like any other.
 #ifndef KSMEM_BINDING_REDISCONNECTION_H_
 #define KSMEM_BINDING_REDISCONNECTION_H_
 
@@ -29,19 +33,24 @@ struct ReplyDeleter {
   void operator()(redisReply* reply) const { freeReplyObject(reply); }
 };
 using RedisReply = std::unique_ptr<redisReply, ReplyDeleter>;
+using RedisCommand = std::vector<std::string_view>;
 
+struct NotConnected : ServiceFailure {};
 struct ReplyLost : ServiceFailure {};
 
 class RedisConnection {
  public:
-  // Connects to nothing yet. `url` must outlive the connection.
-  explicit RedisConnection(const ServiceURL& url);
+  // Connects to nothing yet. `node` is the server to reach, null for the URL's Unix socket.
+  // `url` must outlive the connection.
+  RedisConnection(const ServiceURL& url, const Endpoint* node);
   ~RedisConnection();
   RedisConnection(const RedisConnection&) = delete;
   RedisConnection& operator=(const RedisConnection&) = delete;
 
-  // Sends one command, connecting first if needed, and gives its reply (never null).
-  RedisReply command(const std::vector<std::string_view>& parts);
+  // Sends the commands one after the other without waiting, connecting first if needed, and
+  // gives their replies in order (never null).
+  std::vector<RedisReply> commands(const std::vector<RedisCommand>& batch);
+  RedisReply command(const RedisCommand& parts);
 
   // The failure text "the service at URL refused the request: ERROR" for an error reply.
   [[noreturn]] void refused(const redisReply& error) const;
@@ -51,12 +60,15 @@ class RedisConnection {
  private:
   void open();
   void close();
-  // Sends on the open connection: the reply, or null with the connection closed and `why`
-  // saying what went wrong.
-  RedisReply send(const std::vector<std::string_view>& parts, std::string& why);
-  [[noreturn]] void unreachable(const std::string& reason);
+  // Sends `batch` on the open connection and reads the replies; none, with `why` saying what
+  // went wrong, when one does not come.
+  std::vector<RedisReply> send(const std::vector<RedisCommand>& batch, std::string& why);
+  // Closes the connection and throws a Failure that names the service, the node and `reason`.
+  template <typename Failure>
+  [[noreturn]] void fail(const char* what, const std::string& reason);
 
   const ServiceURL& url;
+  const Endpoint* const node;
   redisContext* context = nullptr;
 };
 

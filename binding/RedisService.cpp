@@ -191,17 +191,15 @@ std::string newOpKey(const std::string& serverID) {
   return key;
 }
 
-// The calling thread's connection and the digests of the scripts as Redis gave them; made anew
-// for another service, or in a forked child.
-static_assert(std::size(kScripts) == 5, "a script for each operation that runs one");
-
-struct ThreadConnection {
+// The calling thread's way to Redis and the digests of the scripts as Redis gave them; made
+// anew for another service, or in a forked child.
+struct ThreadRouter {
   const RedisService* service = nullptr;
   unsigned generation = 0;
-  std::unique_ptr<RedisConnection> connection;
+  std::unique_ptr<RedisRouter> router;
   std::string scriptSHA[std::size(kScripts)];
 };
-thread_local ThreadConnection threadConnection;
+thread_local ThreadRouter threadRouter;
 
 std::string text(const redisReply& reply) { return std::string(reply.str, reply.len); }
 
@@ -224,71 +222,66 @@ const char* entryField(const redisReply& entry, int index) {
 
 RedisService::RedisService(ServiceURL url) : url(std::move(url)) {}
 
-RedisConnection& RedisService::connection() {
-  ThreadConnection& own = threadConnection;
-  if (own.service != this || own.generation != processGeneration() || !own.connection) {
-    own = ThreadConnection();
+RedisRouter& RedisService::router() {
+  ThreadRouter& own = threadRouter;
+  if (own.service != this || own.generation != processGeneration() || !own.router) {
+    own = ThreadRouter();
     own.service = this;
     own.generation = processGeneration();
-    own.connection = std::make_unique<RedisConnection>(url);
+    own.router = std::make_unique<RedisRouter>(url);
   }
-  return *own.connection;
-}
-
-RedisReply RedisService::request(const std::vector<std::string_view>& parts) {
-  try {
-    return connection().command(parts);
-  } catch (const ReplyLost&) {
-    return connection().command(parts);
-  }
+  return *own.router;
 }
 
 RedisReply RedisService::run(Script script, const std::string& serverID, std::string_view opKey,
                              std::initializer_list<std::string_view> args) {
   const ServerKeys keys(serverID);
-  RedisConnection& redis = connection();
-  std::string& sha = threadConnection.scriptSHA[script];
+  const int slot = hashSlot(keys.tag);
+  RedisRouter& redis = router();
+  std::string& sha = threadRouter.scriptSHA[script];
   if (sha.empty()) {
-    const RedisReply loaded = request({"SCRIPT", "LOAD", kScripts[script]});
-    if (loaded->type == REDIS_REPLY_ERROR) redis.refused(*loaded);
-    if (loaded->type != REDIS_REPLY_STRING) redis.unexpected();
+    const RedisReply loaded = redis.command(slot, {"SCRIPT", "LOAD", kScripts[script]});
+    if (loaded->type == REDIS_REPLY_ERROR) redis.last().refused(*loaded);
+    if (loaded->type != REDIS_REPLY_STRING) redis.last().unexpected();
     sha = text(*loaded);
   }
-  std::vector<std::string_view> parts = {"EVALSHA",    sha,          opKey.empty() ? "5" : "6",
-                                         keys.clients, keys.cursors, keys.lag,
-                                         keys.log,     keys.head};
+  RedisCommand parts = {"EVALSHA",    sha,          opKey.empty() ? "5" : "6",
+                        keys.clients, keys.cursors, keys.lag,
+                        keys.log,     keys.head};
   if (!opKey.empty()) parts.push_back(opKey);
   parts.insert(parts.end(), args);
-  RedisReply reply = request(parts);
+  // Scripts that add or remove clients or events are passed on to a replica before they count.
+  const bool replicated = script == kRegister || script == kUnregister || script == kPut;
+  RedisReply reply = redis.command(slot, parts, replicated);
   if (reply->type == REDIS_REPLY_ERROR && text(*reply).rfind("NOSCRIPT", 0) == 0) {
     parts[0] = "EVAL";
     parts[1] = kScripts[script];
-    reply = request(parts);
+    reply = redis.command(slot, parts, replicated);
   }
-  if (reply->type == REDIS_REPLY_ERROR) redis.refused(*reply);
+  if (reply->type == REDIS_REPLY_ERROR) redis.last().refused(*reply);
   return reply;
 }
 
 std::optional<ClientIDs> RedisService::clientsOf(const RedisReply& reply) {
   if (reply->type == REDIS_REPLY_NIL) return std::nullopt;
-  if (reply->type != REDIS_REPLY_ARRAY) connection().unexpected();
+  if (reply->type != REDIS_REPLY_ARRAY) router().last().unexpected();
   ClientIDs ids;
   ids.reserve(reply->elements);
   for (std::size_t i = 0; i < reply->elements; ++i) {
-    if (reply->element[i]->type != REDIS_REPLY_STRING) connection().unexpected();
+    if (reply->element[i]->type != REDIS_REPLY_STRING) router().last().unexpected();
     ids.push_back(text(*reply->element[i]));
   }
   return ids;
 }
 
 void RedisService::checkAnswers() {
-  const RedisReply reply = request({"PING"});
-  if (reply->type == REDIS_REPLY_ERROR) connection().refused(*reply);
+  const RedisReply reply = router().command(0, {"PING"});
+  if (reply->type == REDIS_REPLY_ERROR) router().last().refused(*reply);
 }
 
 ClientIDs RedisService::registerClient(const std::string& serverID, const std::string& clientID) {
   std::optional<ClientIDs> clients = clientsOf(run(kRegister, serverID, {}, {clientID}));
-  if (!clients) connection().unexpected();
+  if (!clients) router().last().unexpected();
   return std::move(*clients);
 }
 
@@ -320,7 +313,7 @@ std::optional<ServiceBackend::Batch> RedisService::getEvents(const std::string& 
   if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 ||
       reply->element[0]->type != REDIS_REPLY_STRING ||
       reply->element[1]->type != REDIS_REPLY_STRING) {
-    connection().unexpected();
+    router().last().unexpected();
   }
   return Batch{text(*reply->element[1]), text(*reply->element[0])};
 }
@@ -333,7 +326,9 @@ std::optional<ClientIDs> RedisService::getSharedClients(const std::string& serve
 std::vector<ServiceBackend::Backlog> RedisService::getClientBacklogs(const std::string& serverID) {
   // An operator's view, read with plain commands: it need not be one instant.
   const ServerKeys keys(serverID);
-  RedisConnection& redis = connection();
+  const int slot = hashSlot(keys.tag);
+  RedisRouter& redis = router();
+  const auto request = [&](const RedisCommand& parts) { return redis.command(slot, parts); };
   const RedisReply time = request({"TIME"});
   const RedisReply head = request({"HGET", keys.head, "n"});
   const RedisReply first = request({"XRANGE", keys.log, "-", "+", "COUNT", "1"});
@@ -344,7 +339,7 @@ std::vector<ServiceBackend::Backlog> RedisService::getClientBacklogs(const std::
       !isString(time->element[1]) || (head->type != REDIS_REPLY_NIL && !isString(head.get())) ||
       first->type != REDIS_REPLY_ARRAY || cursors->type != REDIS_REPLY_ARRAY ||
       clients->type != REDIS_REPLY_ARRAY) {
-    redis.unexpected();
+    redis.last().unexpected();
   }
   const int64_t nowMs =
       std::atoll(time->element[0]->str) * 1000 + std::atoll(time->element[1]->str) / 1000;
@@ -354,12 +349,13 @@ std::vector<ServiceBackend::Backlog> RedisService::getClientBacklogs(const std::
   if (first->elements == 1) oldest = std::strtoull(entryField(*first->element[0], 3), nullptr, 10);
   std::map<std::string, std::string> cursorOf;
   for (std::size_t i = 0; i + 1 < cursors->elements; i += 2) {
-    if (!isString(cursors->element[i]) || !isString(cursors->element[i + 1])) redis.unexpected();
+    if (!isString(cursors->element[i]) || !isString(cursors->element[i + 1]))
+      redis.last().unexpected();
     cursorOf[text(*cursors->element[i])] = text(*cursors->element[i + 1]);
   }
   std::vector<Backlog> backlogs;
   for (std::size_t i = 0; i < clients->elements; ++i) {
-    if (!isString(clients->element[i])) redis.unexpected();
+    if (!isString(clients->element[i])) redis.last().unexpected();
     Backlog backlog{text(*clients->element[i])};
     const std::string& cursor = cursorOf[backlog.clientID];
     const std::size_t space = cursor.find(' ');

@@ -18,9 +18,11 @@
 // slowest cursor and, as each event is posted, to the retention limit; Redis trims whole blocks
 // of entries, so it may keep up to about 100 events more than the limit says.
 //
-// Each thread of each process has its own connection (RedisConnection), opened at its first
-// request; a forked child opens its own. When the reply to a request is lost (the connection
-// broke, or the time limit passed), the request is sent once more on a new connection. A post
+// Each thread of each process reaches Redis through a RedisRouter of its own (one connection,
+// or one per node of a cluster), made at its first request; a forked child makes its own. When
+// the reply to a request is lost (the connection broke, or the time limit passed), the request
+// is sent again, once to a single server, until the time limit to a cluster. Scripts that add or
+// remove clients or events wait until a replica has them, where the primary has one. A post
 // or an unregister carries an id made here, random and unique across processes and machines;
 // the script recognises an id it has seen and answers as the first time without doing it again.
 // A repeated fetch carries the same acknowledgement and reads the same batch.
@@ -35,7 +37,7 @@
 #include <string_view>
 #include <vector>
 
-#include "binding/RedisConnection.h"
+#include "binding/RedisRouter.h"
 #include "binding/ServiceBackend.h"
 #include "binding/ServiceURL.h"
 
@@ -65,10 +67,8 @@ class RedisService : public ServiceBackend {
  private:
   enum Script { kRegister, kUnregister, kPut, kGet, kShared, kScriptCount };
 
-  // The calling thread's connection to this service.
-  RedisConnection& connection();
-  // Sends `parts` and gives the reply; after a lost reply, once more.
-  RedisReply request(const std::vector<std::string_view>& parts);
+  // The calling thread's way to this service.
+  RedisRouter& router();
   // Runs `script` with the server's keys (and `opKey` after them, if not empty) and `args`;
   // an error reply fails the request.
   RedisReply run(Script script, const std::string& serverID, std::string_view opKey,

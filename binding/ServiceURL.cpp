@@ -9,9 +9,10 @@ namespace {
 constexpr char kAcceptedForms[] =
     "Accepted forms: unset, empty or \"embedded\" for the service inside this process; "
     "\"redis://[USER:PASSWORD@]HOST[:PORT][/DB]\" (port 6379 unless given) or "
-    "\"unix://[USER:PASSWORD@]/PATH/TO/SOCKET\" for a service kept in Redis; each may end in "
-    "\"?OPTION=VALUE&...\" with the options retention=EVENTS, retention-age=DURATION, "
-    "timeout=DURATION and, for unix://, db=N.";
+    "\"unix://[USER:PASSWORD@]/PATH/TO/SOCKET\" for a service kept in Redis; "
+    "\"redis-cluster://[USER:PASSWORD@]HOST:PORT[,HOST:PORT...]\" for one kept in a Redis "
+    "Cluster, the hosts its seeds; each may end in \"?OPTION=VALUE&...\" with the options "
+    "retention=EVENTS, retention-age=DURATION, timeout=DURATION and, for unix://, db=N.";
 
 // Decimal digits alone, at most `most`.
 std::optional<uint64_t> number(std::string_view text, uint64_t most) {
@@ -90,8 +91,13 @@ class Parser {
     } else if (rest.substr(0, 7) == "unix://") {
       url.kind = ServiceURL::Kind::kRedis;
       parsed = unixSocket(rest.substr(7));
+    } else if (rest.substr(0, 16) == "redis-cluster://") {
+      url.kind = ServiceURL::Kind::kRedisCluster;
+      parsed = cluster(rest.substr(16));
     } else {
-      fail("it starts with none of \"embedded\", \"redis://\" and \"unix://\"");
+      fail(
+          "it starts with none of \"embedded\", \"redis://\", \"unix://\" and "
+          "\"redis-cluster://\"");
     }
     if (!parsed || (query != std::string_view::npos && !parseOptions(options))) {
       return std::nullopt;
@@ -128,43 +134,69 @@ class Parser {
     return true;
   }
 
-  bool tcp(std::string_view rest) {
-    std::size_t slash = rest.find('/');
-    std::string_view authority = rest.substr(0, slash);
-    const std::size_t at = authority.rfind('@');
-    if (at != std::string_view::npos) {
-      if (!credentials(rest, at, 8)) return false;
-      authority = authority.substr(at + 1);
+  // HOST[:PORT] or [IPV6]:PORT.
+  bool endpoint(std::string_view text) {
+    Endpoint node;
+    std::size_t colon = text.rfind(':');
+    if (!text.empty() && text.front() == '[') {
+      const std::size_t close = text.find(']');
+      if (close == std::string_view::npos) return fail("the host \"[\" is not closed by \"]\"");
+      node.host = std::string(text.substr(1, close - 1));
+      colon = close + 1 < text.size() ? close + 1 : std::string_view::npos;
+      if (colon != std::string_view::npos && text[colon] != ':') {
+        return fail("text follows the host \"" + std::string(text.substr(0, close + 1)) + "\"");
+      }
+    } else {
+      node.host = std::string(text.substr(0, colon));
     }
+    if (node.host.empty()) return fail("no host is given");
+    if (colon != std::string_view::npos) {
+      const std::string_view port = text.substr(colon + 1);
+      const std::optional<uint64_t> value = number(port, 65535);
+      if (!value || *value == 0) {
+        return fail("the port \"" + std::string(port) + "\" is not a number from 1 to 65535");
+      }
+      node.port = static_cast<int>(*value);
+    }
+    url.nodes.push_back(std::move(node));
+    return true;
+  }
+
+  // [USER:PASSWORD@] before the first "/" of `rest`, which starts at `offset` of the text;
+  // gives what follows it.
+  std::optional<std::string_view> authority(std::string_view rest, std::size_t offset) {
+    std::string_view authority = rest.substr(0, rest.find('/'));
+    const std::size_t at = authority.rfind('@');
+    if (at == std::string_view::npos) return authority;
+    if (!credentials(rest, at, offset)) return std::nullopt;
+    return authority.substr(at + 1);
+  }
+
+  bool tcp(std::string_view rest) {
+    const std::optional<std::string_view> hostAndPort = authority(rest, 8);
+    if (!hostAndPort) return false;
+    const std::size_t slash = rest.find('/');
     if (slash != std::string_view::npos) {
       const std::string_view db = rest.substr(slash + 1);
       const std::optional<uint64_t> value = number(db, std::numeric_limits<int>::max());
       if (!value) return fail("the database \"" + std::string(db) + "\" is not a whole number");
       url.db = static_cast<int>(*value);
     }
-    std::size_t colon = authority.rfind(':');
-    if (!authority.empty() && authority.front() == '[') {  // [IPv6 address]
-      const std::size_t close = authority.find(']');
-      if (close == std::string_view::npos) return fail("the host \"[\" is not closed by \"]\"");
-      url.host = std::string(authority.substr(1, close - 1));
-      colon = close + 1 < authority.size() ? close + 1 : std::string_view::npos;
-      if (colon != std::string_view::npos && authority[colon] != ':') {
-        return fail("text follows the host \"" + std::string(authority.substr(0, close + 1)) +
-                    "\"");
-      }
-    } else {
-      url.host = std::string(authority.substr(0, colon));
+    return endpoint(*hostAndPort);
+  }
+
+  bool cluster(std::string_view rest) {
+    std::optional<std::string_view> seeds = authority(rest, 16);
+    if (!seeds) return false;
+    if (rest.find('/') != std::string_view::npos) {
+      return fail("a Redis Cluster has no database but 0, so the form has no \"/DB\"");
     }
-    if (url.host.empty()) return fail("no host is given");
-    if (colon != std::string_view::npos) {
-      const std::string_view port = authority.substr(colon + 1);
-      const std::optional<uint64_t> value = number(port, 65535);
-      if (!value || *value == 0) {
-        return fail("the port \"" + std::string(port) + "\" is not a number from 1 to 65535");
-      }
-      url.port = static_cast<int>(*value);
+    for (;;) {
+      const std::size_t comma = seeds->find(',');
+      if (!endpoint(seeds->substr(0, comma))) return false;
+      if (comma == std::string_view::npos) return true;
+      seeds = seeds->substr(comma + 1);
     }
-    return true;
   }
 
   bool unixSocket(std::string_view rest) {
@@ -208,7 +240,7 @@ class Parser {
         return invalid("a DURATION of whole seconds such as 90s, 30m, 12h or 7d");
       }
       url.retention.age = std::chrono::duration_cast<std::chrono::seconds>(*age);
-    } else if (name == "timeout" && url.kind == ServiceURL::Kind::kRedis) {
+    } else if (name == "timeout" && url.kind != ServiceURL::Kind::kEmbedded) {
       const std::optional<std::chrono::milliseconds> timeout = duration(value);
       if (!timeout || timeout->count() == 0) {
         return invalid("a DURATION above 0 such as 500ms, 5s or 1m");

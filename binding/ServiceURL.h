@@ -3,6 +3,9 @@
 //   "redis://[USER:PASSWORD@]HOST[:PORT][/DB]"     a service kept in Redis, over TCP (port 6379
 //                                                  and database 0 unless given)
 //   "unix://[USER:PASSWORD@]/PATH/TO/SOCKET"       the same, through a Unix socket
+//   "redis-cluster://[USER:PASSWORD@]HOST:PORT[,HOST:PORT...]"
+//                                                  the same, kept in a Redis Cluster whose nodes
+//                                                  include the hosts given (the seeds)
 // Each form may end in "?NAME=VALUE&..." with the options
 //   retention=EVENTS        events a server's log keeps at most (0: no limit by count)
 //   retention-age=DURATION  how long a server's log keeps an event (0: no limit by age)
@@ -19,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Kestrane::Net::KsModelEventManager::Binding {
 
@@ -28,17 +32,21 @@ struct Retention {
   std::chrono::seconds age{7 * 24 * 60 * 60};  // 0: no limit by age
 };
 
+struct Endpoint {
+  std::string host;
+  int port = 6379;
+};
+
 struct ServiceURL {
-  enum class Kind { kEmbedded, kRedis };
+  enum class Kind { kEmbedded, kRedis, kRedisCluster };
   Kind kind = Kind::kEmbedded;
   // The text as given but with the password replaced by "***": the name of the service in
   // every failure text.
   std::string shown;
-  std::string host;  // TCP, when socketPath is empty
-  int port = 6379;
-  std::string socketPath;  // a Unix socket
-  std::string user;        // empty: the default user
-  std::string password;    // empty: no AUTH
+  std::vector<Endpoint> nodes;  // the server, or a cluster's seeds; empty for a Unix socket
+  std::string socketPath;       // a Unix socket
+  std::string user;             // empty: the default user
+  std::string password;         // empty: no AUTH
   int db = 0;
   std::chrono::milliseconds timeout{5000};
   Retention retention;

@@ -26,6 +26,7 @@
 #include "client/KsMemBinding.h"
 #include "tests/standin/ChildProcess.h"
 #include "tests/standin/FaultyRelay.h"
+#include "tests/standin/RedisCluster.h"
 #include "tests/standin/RedisServer.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
@@ -180,9 +181,9 @@ int untilDone(Operation operation) {
 constexpr int kPosters = 2, kReceivers = 2, kPosts = 150;
 
 int expectEveryEventOnceUnlessPostedAgain(
+    const std::string& server,
     const std::function<std::string(const char* role, int index)>& serviceOf,
     const std::function<void()>& meanwhile) {
-  const std::string server = uniqueServerID("faults");
   const auto receiverID = [](int r) { return "receiver-" + std::to_string(r); };
   ChildProcess([&] {  // receivers first, so that every post is queued for them
     setenv("KSMEM_SERVICE", serviceOf("receiver", 0).c_str(), 1);
@@ -278,6 +279,7 @@ TEST(SharedService, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
                      11);
 
   const int postedAgain = expectEveryEventOnceUnlessPostedAgain(
+      uniqueServerID("lost-replies"),
       [&](const char*, int index) {
         return index == 0 ? breaking.url() : silent.url() + "?timeout=200ms";
       },
@@ -299,7 +301,7 @@ TEST(SharedService, KilledRedisWithAnAppendOnlyFileLosesNoAcknowledgedEvent) {
 
   bool restarted = false;
   const int postedAgain = expectEveryEventOnceUnlessPostedAgain(
-      [&](const char*, int) { return redis.url(); },
+      uniqueServerID("killed-redis"), [&](const char*, int) { return redis.url(); },
       [&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         redis.kill();
@@ -419,6 +421,100 @@ TEST(SharedService, AnEventIsStoredOnceUnderTheServersHashTag) {
             (List{"sender", "x", "n", "1", "event", "news"}));
 }
 
+// Six password-protected nodes of a Redis Cluster, three primaries with a replica each, started
+// once for the tests below; the last of them kills a primary.
+class SharedServiceOnACluster : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (ownRedis == nullptr) return;
+    cluster = std::make_unique<RedisCluster>();
+    if (!cluster->start()) problem = cluster->problem();
+  }
+  static void TearDownTestSuite() { cluster.reset(); }
+  void SetUp() override {
+    if (ownRedis == nullptr) GTEST_SKIP() << kRedisOnly;
+    ASSERT_TRUE(problem.empty()) << problem;
+  }
+  // The node that holds `server`'s keys.
+  static int primaryOf(const std::string& server) {
+    return cluster->ownerOf("{ksmem:" + server + "}");
+  }
+
+  static std::unique_ptr<RedisCluster> cluster;
+  static std::string problem;
+};
+std::unique_ptr<RedisCluster> SharedServiceOnACluster::cluster;
+std::string SharedServiceOnACluster::problem;
+
+TEST_F(SharedServiceOnACluster, ServersSpreadOverThePrimariesEachDeliveringItsEvents) {
+  std::vector<std::string> servers;
+  for (int s = 0; s < 8; ++s) servers.push_back(uniqueServerID("spread-" + std::to_string(s)));
+  const std::string received = ChildProcess([&] {
+                                 setenv("KSMEM_SERVICE", cluster->url().c_str(), 1);
+                                 std::string fetched;
+                                 for (const std::string& server : servers) {
+                                   KsMEMConnection alice, bob;
+                                   registerAs(bob, server, "bob");
+                                   registerAs(alice, server, "alice");
+                                   post(alice, "news of " + server + ";");
+                                   fetched += fetch(bob);
+                                 }
+                                 return fetched;
+                               }).output();
+
+  std::string expected;
+  std::set<int> primaries;
+  for (const std::string& server : servers) {
+    expected += "news of " + server + ";";
+    primaries.insert(primaryOf(server));
+  }
+  EXPECT_EQ(received, expected);
+  EXPECT_GE(primaries.size(), 2u);
+  for (const int primary : primaries) EXPECT_GT(cluster->keyCount(primary), 0) << primary;
+}
+
+TEST_F(SharedServiceOnACluster, WrongPasswordAndUnreachableSeedFailAtOnceSayingSo) {
+  const int seed = cluster->primaryPorts().front();
+  const auto failure = [](const std::string& service) {
+    return ChildProcess([service] {
+             setenv("KSMEM_SERVICE", service.c_str(), 1);
+             KsMEMConnection connection;
+             const auto start = std::chrono::steady_clock::now();
+             const std::string text =
+                 connectionFailure([&] { registerAs(connection, "plant-7", "alice"); });
+             const auto took = std::chrono::steady_clock::now() - start;
+             return took < std::chrono::seconds(2) ? text : "took too long: " + text;
+           })
+        .output();
+  };
+  const std::string wrong = "redis-cluster://:not-the-password@127.0.0.1:" + std::to_string(seed);
+  const std::string closed = "redis-cluster://127.0.0.1:1?timeout=300ms";
+
+  EXPECT_EQ(failure(wrong), "cannot reach the service at redis-cluster://:***@127.0.0.1:" +
+                                std::to_string(seed) + ": node 127.0.0.1:" + std::to_string(seed) +
+                                ": WRONGPASS invalid username-password pair or user is disabled.");
+  EXPECT_EQ(failure(closed),
+            "cannot reach the service at " + closed + ": node 127.0.0.1:1: Connection refused");
+}
+
+TEST_F(SharedServiceOnACluster, KilledPrimaryFailsOverLosingNoAcknowledgedEvent) {
+  const std::string server = uniqueServerID("failover");
+  const int primary = primaryOf(server);
+  bool killed = false, failedOver = false;
+
+  expectEveryEventOnceUnlessPostedAgain(
+      server, [&](const char*, int) { return cluster->url(); },
+      [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        killed = cluster->killPrimary(primary);
+        failedOver = cluster->waitForFailover();
+      });
+
+  EXPECT_TRUE(killed);
+  EXPECT_TRUE(failedOver);
+  EXPECT_NE(primaryOf(server), primary);
+}
+
 TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith1001) {
   // In a child: the results of KsMem_Init with `value` and then with "embedded", and where the
   // first failed, the message of a connection's first operation.
@@ -440,13 +536,18 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
        {"", "embedded", "embedded?retention=10&retention-age=2h", "redis://127.0.0.1",
         "redis://db.example:6390/3", "redis://:s%40cret@[::1]:6390/1?timeout=500ms",
         "redis://ops:pw@host?retention=0&retention-age=0&timeout=2s", "unix:///run/redis.sock",
-        "unix:///run/redis.sock?db=2&retention=5", "unix://ops:pw@/run/redis.sock"}) {
+        "unix:///run/redis.sock?db=2&retention=5", "unix://ops:pw@/run/redis.sock",
+        "redis-cluster://:pw@10.0.0.1:7000,10.0.0.2:7001,[::1]:7002?timeout=1s"}) {
     EXPECT_EQ(initTwice(value), "0 0") << value;
   }
   const struct {
     std::string value, shown, reason;
   } refused[] = {
-      {"Embedded", "Embedded", "it starts with none of \"embedded\", \"redis://\" and \"unix://\""},
+      {"Embedded", "Embedded",
+       "it starts with none of \"embedded\", \"redis://\", \"unix://\" and \"redis-cluster://\""},
+      {"redis-cluster://:hunter2@a:7000,b:7001/0", "redis-cluster://:***@a:7000,b:7001/0",
+       "a Redis Cluster has no database but 0, so the form has no \"/DB\""},
+      {"redis-cluster://a:7000,:7001", "redis-cluster://a:7000,:7001", "no host is given"},
       {"redis://:6379", "redis://:6379", "no host is given"},
       {"redis://host:99999", "redis://host:99999",
        "the port \"99999\" is not a number from 1 to 65535"},
@@ -467,9 +568,11 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
                   "\", which names no service: " + value.reason +
                   ". Accepted forms: unset, empty or \"embedded\" for the service inside this "
                   "process; \"redis://[USER:PASSWORD@]HOST[:PORT][/DB]\" (port 6379 unless given) "
-                  "or \"unix://[USER:PASSWORD@]/PATH/TO/SOCKET\" for a service kept in Redis; each "
-                  "may end in \"?OPTION=VALUE&...\" with the options retention=EVENTS, "
-                  "retention-age=DURATION, timeout=DURATION and, for unix://, db=N.");
+                  "or \"unix://[USER:PASSWORD@]/PATH/TO/SOCKET\" for a service kept in Redis; "
+                  "\"redis-cluster://[USER:PASSWORD@]HOST:PORT[,HOST:PORT...]\" for one kept in a "
+                  "Redis Cluster, the hosts its seeds; each may end in \"?OPTION=VALUE&...\" with "
+                  "the options retention=EVENTS, retention-age=DURATION, timeout=DURATION and, for "
+                  "unix://, db=N.");
   }
 }
 

@@ -1,0 +1,210 @@
+#include "binding/RedisRouter.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+namespace Kestrane::Net::KsModelEventManager::Binding {
+
+namespace {
+
+constexpr int kSlots = 16384;
+// Redirections that one command follows at most; a cluster that sends it further is in flux.
+constexpr int kMaxRedirections = 16;
+
+using Clock = std::chrono::steady_clock;
+
+uint16_t crc16(std::string_view data) {
+  uint16_t crc = 0;
+  for (const char c : data) {
+    crc ^= static_cast<uint16_t>(static_cast<unsigned char>(c) << 8);
+    for (int bit = 0; bit < 8; ++bit) {
+      crc = static_cast<uint16_t>(crc & 0x8000 ? (crc << 1) ^ 0x1021 : crc << 1);
+    }
+  }
+  return crc;
+}
+
+bool startsWith(const redisReply& reply, std::string_view prefix) {
+  return reply.type == REDIS_REPLY_ERROR &&
+         std::string_view(reply.str, reply.len).substr(0, prefix.size()) == prefix;
+}
+
+// The "HOST:PORT" at the end of a MOVED or ASK error.
+Endpoint redirectTarget(const redisReply& error) {
+  const std::string_view text(error.str, error.len);
+  const std::string_view address = text.substr(text.rfind(' ') + 1);
+  const std::size_t colon = address.rfind(':');
+  Endpoint target{std::string(address.substr(0, colon)), 0};
+  if (colon != std::string_view::npos)
+    target.port = std::atoi(std::string(address.substr(colon + 1)).c_str());
+  return target;
+}
+
+}  // namespace
+
+int hashSlot(std::string_view key) {
+  const std::size_t open = key.find('{');
+  if (open != std::string_view::npos) {
+    const std::size_t close = key.find('}', open + 1);
+    if (close != std::string_view::npos && close > open + 1) {
+      key = key.substr(open + 1, close - open - 1);
+    }
+  }
+  return crc16(key) % kSlots;
+}
+
+RedisRouter::RedisRouter(const ServiceURL& url) : url(url) {
+  if (url.kind != ServiceURL::Kind::kRedisCluster) {
+    auto node = std::make_unique<Node>();
+    if (!url.nodes.empty()) node->address = url.nodes.front();
+    node->connection =
+        std::make_unique<RedisConnection>(url, url.nodes.empty() ? nullptr : &node->address);
+    nodes.push_back(std::move(node));
+    return;
+  }
+  for (const Endpoint& seed : url.nodes) nodeAt(seed.host, seed.port);
+  slotOwner.assign(kSlots, nullptr);
+}
+
+RedisRouter::Node& RedisRouter::nodeAt(const std::string& host, int port) {
+  for (const std::unique_ptr<Node>& node : nodes) {
+    if (node->address.host == host && node->address.port == port) return *node;
+  }
+  auto node = std::make_unique<Node>();
+  node->address = Endpoint{host, port};
+  node->connection = std::make_unique<RedisConnection>(url, &node->address);
+  nodes.push_back(std::move(node));
+  return *nodes.back();
+}
+
+bool RedisRouter::readSlotMap() {
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    Node& asked = *nodes[i];
+    RedisReply map;
+    try {
+      map = asked.connection->command({"CLUSTER", "SLOTS"});
+    } catch (const NotConnected&) {
+      continue;
+    } catch (const ReplyLost&) {
+      continue;
+    }
+    if (map->type != REDIS_REPLY_ARRAY) continue;
+    std::fill(slotOwner.begin(), slotOwner.end(), nullptr);
+    // Each range: first slot, last slot, then the primary and its replicas, each as
+    // [host, port, id, ...]; a host that the node does not know is "" or "?".
+    for (std::size_t r = 0; r < map->elements; ++r) {
+      const redisReply& range = *map->element[r];
+      if (range.type != REDIS_REPLY_ARRAY || range.elements < 3 ||
+          range.element[0]->type != REDIS_REPLY_INTEGER ||
+          range.element[1]->type != REDIS_REPLY_INTEGER ||
+          range.element[2]->type != REDIS_REPLY_ARRAY || range.element[2]->elements < 2 ||
+          range.element[2]->element[0]->type != REDIS_REPLY_STRING ||
+          range.element[2]->element[1]->type != REDIS_REPLY_INTEGER) {
+        continue;
+      }
+      const redisReply& primary = *range.element[2];
+      std::string host(primary.element[0]->str, primary.element[0]->len);
+      if (host.empty() || host == "?") host = asked.address.host;
+      Node& owner = nodeAt(host, static_cast<int>(primary.element[1]->integer));
+      const long long first = std::max(0LL, range.element[0]->integer);
+      const long long last = std::min(kSlots - 1LL, range.element[1]->integer);
+      for (long long slot = first; slot <= last; ++slot) slotOwner[slot] = &owner;
+    }
+    return true;
+  }
+  return false;
+}
+
+RedisRouter::Node& RedisRouter::nodeOf(int slot) {
+  if (slotOwner[slot] == nullptr) readSlotMap();
+  // While the map says nothing of the slot, ask any node: it redirects.
+  return slotOwner[slot] != nullptr ? *slotOwner[slot] : *nodes.front();
+}
+
+int RedisRouter::connectedReplicas(Node& node) {
+  const RedisReply role = node.connection->command({"ROLE"});
+  // A primary answers ["master", offset, [[host, port, offset], ...]].
+  if (role->type != REDIS_REPLY_ARRAY || role->elements < 3 ||
+      role->element[2]->type != REDIS_REPLY_ARRAY) {
+    return 0;
+  }
+  return static_cast<int>(role->element[2]->elements);
+}
+
+RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replicated) {
+  lastConnection = node.connection.get();
+  if (replicated && node.replicas < 0) node.replicas = connectedReplicas(node);
+  if (!replicated || node.replicas == 0) return node.connection->command(parts);
+  // The command and WAIT in one round trip; WAIT answers how many replicas have the write.
+  const std::string waitMs = std::to_string(std::max<long long>(1, url.timeout.count() / 2));
+  std::vector<RedisReply> replies = node.connection->commands({parts, {"WAIT", "1", waitMs}});
+  const redisReply& replicas = *replies[1];
+  if (replies[0]->type == REDIS_REPLY_ERROR ||
+      (replicas.type == REDIS_REPLY_INTEGER && replicas.integer >= 1)) {
+    return std::move(replies[0]);
+  }
+  // No replica took the write: where the primary has lost its replicas since, it stands alone.
+  node.replicas = connectedReplicas(node);
+  if (node.replicas == 0) return std::move(replies[0]);
+  ReplyLost unreplicated;
+  unreplicated.code = kServiceUnreachable;
+  unreplicated.text = "lost the connection to the service at " + url.shown + ": node " +
+                      node.address.host + ":" + std::to_string(node.address.port) +
+                      ": no replica took the write within " + waitMs + " ms";
+  throw unreplicated;
+}
+
+RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replicated) {
+  if (url.kind != ServiceURL::Kind::kRedisCluster) {
+    try {
+      return send(*nodes.front(), parts, false);
+    } catch (const ReplyLost&) {
+      return send(*nodes.front(), parts, false);
+    }
+  }
+  const Clock::time_point deadline = Clock::now() + url.timeout;
+  auto pause = std::chrono::milliseconds(10);
+  const auto waitAMoment = [&] {
+    std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - Clock::now()));
+    pause = std::min(pause * 2, std::chrono::milliseconds(200));
+  };
+  Node* asking = nullptr;
+  for (int redirections = 0;;) {
+    Node& node = asking != nullptr ? *asking : nodeOf(slot);
+    try {
+      RedisReply reply;
+      if (asking != nullptr) {
+        lastConnection = node.connection.get();
+        reply = std::move(node.connection->commands({{"ASKING"}, parts})[1]);
+        asking = nullptr;
+      } else {
+        reply = send(node, parts, replicated);
+      }
+      const bool moved = startsWith(*reply, "MOVED "), ask = startsWith(*reply, "ASK ");
+      if ((moved || ask) && ++redirections <= kMaxRedirections) {
+        const Endpoint target = redirectTarget(*reply);
+        Node& next = nodeAt(target.host.empty() ? node.address.host : target.host, target.port);
+        if (ask) asking = &next;
+        if (moved && !readSlotMap()) slotOwner[slot] = &next;
+        continue;
+      }
+      if ((startsWith(*reply, "TRYAGAIN") || startsWith(*reply, "CLUSTERDOWN")) &&
+          Clock::now() < deadline) {
+        waitAMoment();
+        continue;
+      }
+      return reply;
+    } catch (const NotConnected&) {
+      if (Clock::now() >= deadline) throw;
+    } catch (const ReplyLost&) {
+      if (Clock::now() >= deadline) throw;
+    }
+    // The node is gone or did not answer: a replica may be taking over. Ask again for the map.
+    waitAMoment();
+    readSlotMap();
+  }
+}
+
+}  // namespace Kestrane::Net::KsModelEventManager::Binding
