@@ -1,5 +1,6 @@
-// The client library against the stand-in transport and its embedded service, linked as an
-// application links them.
+// One whole session against the stand-in transport and its service, linked as an application
+// links them. ctest runs it against the embedded service and again against a Redis of the test
+// process's own (SharedServiceTest.cpp).
 #include <gtest/gtest.h>
 
 #include "client/KsMEMConnection.h"
@@ -9,80 +10,85 @@ using List = std::vector<std::string>;
 
 namespace {
 
-// A connection registered as `client` under `server`.
+// A connection registered as `client` under `server`, and what each operation gave.
 struct Client {
   Client(std::string server, std::string client) {
     std::string locale = "en";
     connection.registerClient(server, client, locale, registered);
   }
+  List post(std::string event) {
+    std::string correlation = "session";
+    List queuedFor;
+    connection.putEvents(event, queuedFor, correlation);
+    return queuedFor;
+  }
+  std::string fetch() {
+    std::string events, correlation = "session";
+    List clients = {"stale"};
+    connection.getEvents(events, clients, correlation);
+    EXPECT_FALSE(clients.empty() || clients[0] == "stale");
+    return events;
+  }
+  List unregister() {
+    List remaining;
+    connection.unregisterClient(remaining);
+    return remaining;
+  }
   KsMEMConnection connection;
   List registered;
 };
 
-TEST(SessionTest, TwoClientsExchangeEventsByteForByte) {
-  Client alice("session-1", "alice");
-  Client bob("session-1", "bob");
+TEST(SessionTest, ClientsOfAServerReceiveEachOthersEventsOnceByteForByteAndRefusalsSayWhy) {
+  const std::string odd = "c&<>\"'";
   std::string binary;
   for (int b = 1; b < 256; ++b) binary += static_cast<char>(b);
-  std::string first = "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xA6";
-  std::string big(70000, 'x');  // several chunks out, several deliveries back
-  std::string correlation = "corr";
-  List queuedFor;
+  const std::string text = "caf\xC3\xA9 \xE2\x82\xAC\r\n", big(70000, 'x');
+  Client alice("plant-7", "alice"), bob("plant-7", "bob"), oddOne("plant-7", odd);
+  Client elsewhere("plant-8", "alice");
 
-  for (std::string* event : {&first, &binary, &big}) {
-    alice.connection.putEvents(*event, queuedFor, correlation);
-  }
-  std::string events;
-  List shared = {"stale"};
-  bob.connection.getEvents(events, shared, correlation);
+  const List queuedFor[] = {alice.post(text), alice.post(binary), alice.post(big)};
+  const List registeredAgain = Client("plant-7", "bob").registered;
+  const std::string bobFirst = bob.fetch(), bobAgain = bob.fetch();
+  const std::string aliceOwn = alice.fetch(), otherServer = elsewhere.fetch();
+  const List queuedForNews = oddOne.post("news");
+  const List afterBobLeft = bob.unregister();
+  Client bobBack("plant-7", "bob");
 
-  EXPECT_EQ(List{"alice"}, alice.registered);
-  EXPECT_EQ((List{"alice", "bob"}), bob.registered);
-  EXPECT_EQ((List{"bob", "bob", "bob"}), queuedFor);
-  EXPECT_EQ(first + binary + big, events);
-  EXPECT_EQ((List{"alice", "bob"}), shared);
+  EXPECT_EQ(alice.registered, List{"alice"});
+  EXPECT_EQ(oddOne.registered, (List{"alice", "bob", odd}));
+  for (const List& clients : queuedFor) EXPECT_EQ(clients, (List{"bob", odd}));
+  EXPECT_EQ(registeredAgain, (List{"alice", "bob", odd}));  // keeps its place
+  EXPECT_TRUE(bobFirst == text + binary + big);
+  EXPECT_EQ(bobAgain + aliceOwn + otherServer, "");
+  EXPECT_EQ(queuedForNews, (List{"alice", "bob"}));
+  EXPECT_EQ(afterBobLeft, (List{"alice", odd}));
+  EXPECT_EQ(bobBack.registered, (List{"alice", odd, "bob"}));
+  EXPECT_EQ(bobBack.fetch(), "");  // what was posted before it registered
+  EXPECT_EQ(alice.fetch(), "news");
 
-  alice.connection.getEvents(events, shared, correlation);
-  EXPECT_EQ("", events);  // a poster does not receive its own events
-
-  List remaining;
-  alice.connection.unregisterClient(remaining);
-  bob.connection.unregisterClient(remaining);
-  EXPECT_EQ(List{"bob"}, remaining);
-}
-
-// Each refusal is caught by its class across the shared library's boundary.
-TEST(SessionTest, RefusalsOfTheServiceReachTheCallerByClassAndLeaveTheConnectionUsable) {
-  std::string empty, nobody = "nobody", locale, events = "e", correlation = "c";
-  List clients;
-  Client ghost("session-2", "ghost");
-  KsMEMConnection copy(ghost.connection);
-  copy.unregisterClient(clients);  // the service forgets it; `ghost` still holds the identity
-
-  EXPECT_THROW(copy.registerClient(empty, nobody, locale, clients), KsMEMProtocolException);
-  EXPECT_THROW(ghost.connection.putEvents(events, clients, correlation), KsMEMProtocolException);
+  // The service's refusals reach the caller by class, with its words.
+  std::string noServer, nobody = "nobody", locale;
+  List ignored;
+  KsMEMConnection(oddOne.connection).unregisterClient(ignored);  // the copy leaves, oddOne stays
   try {
-    ghost.connection.unregisterClient(clients);
-    FAIL() << "no exception";
-  } catch (const KsMEMException&) {
-    FAIL() << "unregisterClient must rethrow as plain Exception";
-  } catch (const Exception& e) {
-    EXPECT_NE(std::string::npos, e.getMessage().find("ghost")) << e.getMessage();
+    KsMEMConnection().registerClient(noServer, nobody, locale, ignored);
+    ADD_FAILURE() << "registered without a server";
+  } catch (const KsMEMProtocolException& e) {
+    EXPECT_EQ(e.getMessage(),
+              "Client \"nobody\" cannot register without a server identifier: the request's "
+              "\"Server-ID\" header is empty or missing.");
   }
-  EXPECT_EQ(0, ghost.connection.getStatus());
-}
-
-TEST(SessionTest, ConnectionOutlivingItsSourceStillParsesReplies) {
-  auto* source = new KsMEMConnection;
-  KsMEMConnection copy(*source);
-  delete source;  // must not end the XML library under the copy
-  std::string server = "session-3", client = "carol", locale = "";
-  List clients;
-
-  copy.registerClient(server, client, locale, clients);
-
-  EXPECT_EQ(List{"carol"}, clients);
-  copy.unregisterClient(clients);
+  try {
+    oddOne.post("too late");
+    ADD_FAILURE() << "posted unregistered";
+  } catch (const KsMEMProtocolException& e) {
+    EXPECT_EQ(e.getMessage(), "Client \"" + odd +
+                                  "\" is not registered with the Model Event Manager under server "
+                                  "\"plant-7\", so it cannot call putEvents; it must call "
+                                  "registerClient first.");
+  }
+  EXPECT_THROW(oddOne.unregister(), Exception);
+  EXPECT_EQ(alice.connection.getStatus(), 0);
 }
 
 }  // namespace
