@@ -413,7 +413,7 @@ TEST(SharedService, AnEventIsStoredOnceUnderTheServersHashTag) {
 
   EXPECT_EQ(registered, (List{"b:c {d}%", "y", "x"}));
   EXPECT_EQ(queuedFor, (List{"b:c {d}%", "y"}));
-  RedisWire redis = ownRedis->wire();
+  RedisServer& redis = *ownRedis;
   EXPECT_EQ(redis.command({"ZRANGE", tag + ":clients", "0", "-1"}), (List{"b:c {d}%", "y", "x"}));
   List entries = redis.command({"XRANGE", tag + ":log", "-", "+"});
   ASSERT_EQ(entries.size(), 7u);  // the id, then sender, position and event: one copy
