@@ -2,7 +2,7 @@
 //   round_trip_*        alice posts an event with putEvents and bob fetches it with getEvents
 //                       (which also lists the shared clients), through KsMEMConnection; for
 //                       Redis beside the commands such a round trip needs at the least, sent
-//                       one at a time over a bare socket
+//                       one at a time through hiredis
 //   idle_fetch, put     one getEvents with nothing pending, and one putEvents, at the transport
 //                       (no XML parse), by a client of a server with 1000 clients beside the
 //                       same with 2 clients
@@ -33,7 +33,6 @@
 #include "client/KsMemBinding.h"
 #include "tests/standin/RedisCluster.h"
 #include "tests/standin/RedisServer.h"
-#include "tests/standin/RedisWire.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
 using Clock = std::chrono::steady_clock;
@@ -230,24 +229,23 @@ void BM_RawRedisCommandsOfARoundTrip(benchmark::State& state) {
   std::string problem;
   RedisServer* redis = loopbackRedis(problem);
   if (redis == nullptr) return state.SkipWithError(problem.c_str());
-  RedisWire wire = redis->wire();
   const std::string prefix = "raw-" + std::to_string(getpid());
   const std::string clients = prefix + ":clients", cursors = prefix + ":cursors",
                     log = prefix + ":log";
-  wire.command({"DEL", clients, cursors, log});
-  wire.command({"ZADD", clients, "1", "alice", "2", "bob"});
-  wire.command({"HSET", cursors, "alice", "0-0", "bob", "0-0"});
+  redis->command({"DEL", clients, cursors, log});
+  redis->command({"ZADD", clients, "1", "alice", "2", "bob"});
+  redis->command({"HSET", cursors, "alice", "0-0", "bob", "0-0"});
   for (auto _ : state) {
-    wire.command({"HGET", cursors, "alice"});
+    redis->command({"HGET", cursors, "alice"});
     const std::vector<std::string> id =
-        wire.command({"XADD", log, "*", "sender", "alice", "event", kEvent});
-    wire.command({"ZRANGE", clients, "0", "-1"});
-    const std::vector<std::string> cursor = wire.command({"HGET", cursors, "bob"});
+        redis->command({"XADD", log, "*", "sender", "alice", "event", kEvent});
+    redis->command({"ZRANGE", clients, "0", "-1"});
+    const std::vector<std::string> cursor = redis->command({"HGET", cursors, "bob"});
     const std::vector<std::string> read =
-        wire.command({"XRANGE", log, "(" + (cursor.empty() ? "0-0" : cursor[0]), "+"});
-    wire.command({"HSET", cursors, "bob", id.empty() ? "0-0" : id[0]});
-    wire.command({"HEXISTS", cursors, "bob"});
-    if (read.size() != 5 || wire.command({"ZRANGE", clients, "0", "-1"}).size() != 2) {
+        redis->command({"XRANGE", log, "(" + (cursor.empty() ? "0-0" : cursor[0]), "+"});
+    redis->command({"HSET", cursors, "bob", id.empty() ? "0-0" : id[0]});
+    redis->command({"HEXISTS", cursors, "bob"});
+    if (read.size() != 5 || redis->command({"ZRANGE", clients, "0", "-1"}).size() != 2) {
       state.SkipWithError("Redis did not answer as it should");
       break;
     }
@@ -284,11 +282,10 @@ void memoryPerEvent(benchmark::State& state, int clients) {
       return true;
     };
   });
-  RedisWire wire = redis->wire();
   for (auto _ : state) {
-    const long long before = wire.infoInteger("used_memory");
+    const long long before = redis->infoInteger("used_memory");
     if (child.timeOne() < 0) return state.SkipWithError("posting failed in the child");
-    const long long after = wire.infoInteger("used_memory");
+    const long long after = redis->infoInteger("used_memory");
     state.counters["memory_over_event_size"] =
         static_cast<double>(after - before) / kPosted / 1000.0;
   }

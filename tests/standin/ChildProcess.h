@@ -5,8 +5,13 @@
 #ifndef KSMEM_TESTS_STANDIN_CHILDPROCESS_H_
 #define KSMEM_TESTS_STANDIN_CHILDPROCESS_H_
 
-#include <sys/types.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <exception>
 #include <functional>
 #include <string>
 
@@ -14,15 +19,62 @@ class ChildProcess {
  public:
   // Starts the child, which runs `work` and ends. `work` must not use GoogleTest assertions
   // (they would be counted in the child alone); it reports through what it returns.
-  explicit ChildProcess(const std::function<std::string()>& work);
+  explicit ChildProcess(const std::function<std::string()>& work) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+      ADD_FAILURE() << "no pipe for a child process";
+      return;
+    }
+    const pid_t parent = getpid();
+    pid = fork();
+    if (pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // a child that hangs goes with the test process
+      if (getppid() != parent) _exit(1);
+      std::string text;
+      int status = 1;
+      try {
+        text = work();
+        status = 0;
+      } catch (const std::exception& e) {
+        text = std::string("the child process threw: ") + e.what();
+      } catch (...) {
+        text = "the child process threw an exception of no standard kind";
+      }
+      for (ssize_t count = 0;
+           !text.empty() && (count = write(ends[1], text.data(), text.size())) > 0;) {
+        text.erase(0, static_cast<std::size_t>(count));
+      }
+      _exit(status);
+    }
+    close(ends[1]);
+    readEnd = ends[0];
+    if (pid < 0) ADD_FAILURE() << "fork failed";
+  }
   // Waits for the child if output() has not.
-  ~ChildProcess();
+  ~ChildProcess() {
+    if (pid > 0) output();
+  }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   // Waits for the child and gives what `work` returned. A child that threw or died counts as
   // a test failure.
-  std::string output();
+  std::string output() {
+    std::string text;
+    char chunk[65536];
+    for (ssize_t count; readEnd >= 0 && (count = read(readEnd, chunk, sizeof chunk)) > 0;) {
+      text.append(chunk, static_cast<std::size_t>(count));
+    }
+    if (readEnd >= 0) close(readEnd);
+    readEnd = -1;
+    int status = 0;
+    if (pid > 0 && waitpid(pid, &status, 0) == pid &&
+        !(WIFEXITED(status) && WEXITSTATUS(status) == 0)) {
+      ADD_FAILURE() << "child process " << pid << " failed: " << text;
+    }
+    pid = -1;
+    return text;
+  }
 
  private:
   pid_t pid = -1;

@@ -1,29 +1,32 @@
 // A redis-server of a test's (or a benchmark's) own, in a fresh temporary directory, listening on
 // a Unix socket there or on a loopback port, optionally with a password. By default it keeps
 // nothing across a restart; with an append-only file it keeps what it acknowledged across stop()
-// and kill(). It can be stopped or killed and started again at the same address and directory,
-// and the object stops it and removes the directory when it goes, also when the test fails. Not
-// for use from several threads at once. Header-only, so that the benchmark program can use it
-// too.
+// and kill(). It can be stopped or killed and started again at the same address and directory.
+// The object stops it and removes the directory when it goes, also when the test fails, and the
+// server is killed when the thread that started it ends, so that a crashed test leaves nothing
+// behind. Not for use from several threads at once. Header-only, so that the benchmark program
+// can use it too.
 #ifndef KSMEM_TESTS_STANDIN_REDISSERVER_H_
 #define KSMEM_TESTS_STANDIN_REDISSERVER_H_
 
 #include <fcntl.h>
+#include <hiredis/hiredis.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
+#include <memory>
+#include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
-
-#include "tests/standin/RedisWire.h"
 
 // A server identifier that no other run of the tests uses, so that they hold on a shared Redis.
 inline std::string uniqueServerID(const std::string& name) {
@@ -33,63 +36,35 @@ inline std::string uniqueServerID(const std::string& name) {
   return name + "@" + run;
 }
 
-// Starts the program args[0], found on PATH, with `args`, its standard output and error going
-// to `outputFd` (to /dev/null when -1). The child is killed when the calling thread ends, so
-// that a test that crashes leaves nothing behind; it exits with 127 when the program cannot be
-// run. Gives its pid, or -1 when fork fails. The caller waits for it.
-inline pid_t startProgram(std::vector<std::string> args, int outputFd = -1) {
-  std::vector<char*> argv;
-  for (std::string& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);  // the parent ended before prctl took effect
-    const int input = open("/dev/null", O_RDWR);
-    const int output = outputFd >= 0 ? outputFd : input;
-    dup2(input, 0);
-    dup2(output, 1);
-    dup2(output, 2);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  return pid;
-}
-
 class RedisServer {
  public:
   enum class Listen { kUnixSocket, kLoopback };
   // Redis writes the append-only file before it replies, so a killed process loses nothing
-  // acknowledged either way (unless an fsync had stalled the disk for seconds); the fsync
-  // policy decides what a crash of the machine may lose.
-  enum class Durability {
-    kNone,               // no persistence at all
-    kAppendEverySecond,  // append-only file, fsync once a second: up to a second
-    kAppendAlways,       // append-only file, fsync before each reply: nothing acknowledged
-  };
+  // acknowledged (unless an fsync had stalled the disk for seconds); a crash of the machine
+  // may lose the last second.
+  enum class Durability { kNone, kAppendEverySecond };
 
   struct Options {
     explicit Options(Listen listen) : listen(listen) {}
 
     Listen listen;
     Durability durability = Durability::kNone;
-    // When not empty, required of every client (requirepass) and part of url(). Letters,
-    // digits and "-._~" only, so that it goes into a URL as it is.
+    // When not empty, required of every client (requirepass) and part of url().
+    // REQUIRES: letters, digits and "-._~" only, so that it goes into a URL as it is.
     std::string password;
-    int port = 0;  // for kLoopback; 0 picks a free one
     // Given to redis-server after the others, as they are (for instance cluster settings).
     std::vector<std::string> moreArguments;
   };
+
+  // A reply, arrays flattened: strings, status and error replies as their text, integers in
+  // decimal, nil as nothing.
+  using Reply = std::vector<std::string>;
 
   explicit RedisServer(Listen listen) : RedisServer(Options(listen)) {}
   explicit RedisServer(Options chosen) : options(std::move(chosen)) {
     std::string pattern = std::filesystem::temp_directory_path() / "ksmem-redis-XXXXXX";
     if (mkdtemp(pattern.data()) != nullptr) directory = pattern;
     if (options.listen == Listen::kUnixSocket) socketPath = directory + "/redis.sock";
-    if (options.listen == Listen::kLoopback && options.port == 0) {
-      options.port = freeLoopbackPort();
-    }
   }
   ~RedisServer() {
     stop();
@@ -100,113 +75,161 @@ class RedisServer {
   RedisServer& operator=(const RedisServer&) = delete;
 
   // Starts redis-server and waits until it answers PING, which it does only once it has loaded
-  // its append-only file. False, with problem() saying why, when it is not installed, does not
-  // come up within ten seconds, or the options are unusable.
+  // its append-only file. False, with problem() saying why, when redis-server is not installed,
+  // does not answer within ten seconds, or the options are unusable. On loopback the first
+  // start picks a port from 20000 to 30000, leaving room for the cluster bus port (port +
+  // 10000), and picks again when that or the bus port is taken; later starts keep it.
   // REQUIRES: not running.
   bool start() {
+    static std::mt19937 random(std::random_device{}());
     if (directory.empty()) return fail("no temporary directory could be made");
-    if (options.password.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
-                                           "0123456789-._~") != std::string::npos) {
-      return fail("the password may hold only letters, digits and \"-._~\"");
+    for (int attempt = 0; attempt < 10; ++attempt) {
+      why.clear();
+      const bool picked = options.listen == Listen::kLoopback && tcpPort == 0;
+      if (picked) tcpPort = std::uniform_int_distribution<int>(20000, 30000)(random);
+      if (launch()) return true;
+      if (!picked || why.find("Address already in use") == std::string::npos) return false;
+      tcpPort = 0;
     }
-    const std::string log = directory + "/redis.log";
-    const bool appendOnly = options.durability != Durability::kNone;
-    std::vector<std::string> args = {
-        "redis-server", "--save",    "",  "--appendonly", appendOnly ? "yes" : "no",   "--dir",
-        directory,      "--logfile", log, "--port",       std::to_string(options.port)};
-    if (appendOnly) {
-      args.insert(args.end(),
-                  {"--appendfsync",
-                   options.durability == Durability::kAppendAlways ? "always" : "everysec"});
-    }
-    if (!options.password.empty()) args.insert(args.end(), {"--requirepass", options.password});
-    if (socketPath.empty()) args.insert(args.end(), {"--bind", "127.0.0.1"});
-    if (!socketPath.empty()) args.insert(args.end(), {"--unixsocket", socketPath});
-    args.insert(args.end(), options.moreArguments.begin(), options.moreArguments.end());
-    // Also what redis-server says before it opens its log, such as a complaint about an option.
-    const int output = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    process = startProgram(args, output);
-    if (output >= 0) close(output);
-    if (process < 0) {
-      process = 0;
-      return fail("fork failed");
-    }
-    for (int wait = 0; wait < 2000; ++wait) {  // 5 ms each
-      int status = 0;
-      if (waitpid(process, &status, WNOHANG) == process) {
-        process = 0;
-        std::ifstream logText(log);
-        return fail(WIFEXITED(status) && WEXITSTATUS(status) == 127
-                        ? "redis-server is not installed (Debian package redis-server)"
-                        : "redis-server stopped at once: " +
-                              std::string(std::istreambuf_iterator<char>(logText), {}));
-      }
-      if (wire(std::chrono::seconds(1)).command({"PING"}) == std::vector<std::string>{"PONG"}) {
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    stop();
-    return fail("redis-server did not answer PING within ten seconds");
+    return false;
   }
 
   // Stops the server as an operator would (SIGTERM: it writes out its append-only file). Does
   // nothing when it is not running.
   void stop() { end(SIGTERM); }
 
-  // Kills the server as a crash would (SIGKILL): what was not yet written to the append-only
-  // file is lost. Does nothing when it is not running.
+  // Kills the server as a crash would (SIGKILL). Does nothing when it is not running.
   void kill() { end(SIGKILL); }
 
-  // The server's process id, 0 when it is not running.
-  pid_t pid() const { return process; }
+  bool running() const { return process > 0; }
 
   // The address as KSMEM_SERVICE takes it, with the password when there is one:
   // "redis://[:PASSWORD@]127.0.0.1:PORT" or "unix://[:PASSWORD@]/PATH". It ends with the
   // address, so that a test may append "/DB" (redis://) and then "?options".
   std::string url() const {
     const std::string credentials = options.password.empty() ? "" : ":" + options.password + "@";
-    return socketPath.empty() ? "redis://" + credentials + "127.0.0.1:" + std::to_string(port())
+    return socketPath.empty() ? "redis://" + credentials + "127.0.0.1:" + std::to_string(tcpPort)
                               : "unix://" + credentials + socketPath;
   }
-  int port() const { return socketPath.empty() ? options.port : 0; }  // 0 on a Unix socket
-  const std::string& password() const { return options.password; }
+  int port() const { return tcpPort; }  // 0 on a Unix socket
   const std::string& problem() const { return why; }
 
-  // A socket connected to the server, or -1. The caller closes it.
-  int connect() const {
-    if (socketPath.empty()) return connectLoopback(options.port);
-    sockaddr_un address{AF_UNIX, {}};
-    socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 &&
-        ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-      return fd;
+  // The reply to the command `parts`, through hiredis on a connection that the object keeps,
+  // authenticated when the server has a password, with a time limit of five seconds. When the
+  // connection fails, the reply is hiredis's text of why ("Connection refused", "Resource
+  // temporarily unavailable" at the time limit, ...) and the next command connects again.
+  Reply command(std::initializer_list<std::string_view> parts) {
+    const timeval limit = {5, 0};
+    if (connection == nullptr || connection->err != 0) {
+      connection.reset(socketPath.empty() ? redisConnectWithTimeout("127.0.0.1", tcpPort, limit)
+                                          : redisConnectUnixWithTimeout(socketPath.c_str(), limit));
+      if (connection == nullptr || connection->err != 0) {
+        return {connection == nullptr ? "out of memory" : connection->errstr};
+      }
+      fcntl(connection->fd, F_SETFD, FD_CLOEXEC);  // not for the servers started later
+      redisSetTimeout(connection.get(), limit);
+      if (!options.password.empty()) command({"AUTH", options.password});
     }
-    if (fd >= 0) close(fd);
-    return -1;
+    std::vector<const char*> argv;
+    std::vector<std::size_t> lengths;
+    for (const std::string_view part : parts) {
+      argv.push_back(part.data());
+      lengths.push_back(part.size());
+    }
+    auto* reply = static_cast<redisReply*>(redisCommandArgv(
+        connection.get(), static_cast<int>(argv.size()), argv.data(), lengths.data()));
+    if (reply == nullptr) return {connection->errstr};
+    Reply flat;
+    flatten(reply, flat);
+    freeReplyObject(reply);
+    return flat;
   }
 
-  // A new connection to the server, authenticated when it has a password.
-  RedisWire wire(std::chrono::milliseconds timeLimit = std::chrono::seconds(10)) const {
-    return RedisWire(connect(), options.password, timeLimit);
+  // The value in the line "`name`:value" of a reply such as that of INFO or CLUSTER INFO, or ""
+  // when there is no such line.
+  static std::string field(const Reply& reply, std::string_view name) {
+    const std::string text = reply.size() == 1 ? "\n" + reply[0] : "";
+    const std::size_t at = text.find("\n" + std::string(name) + ":");
+    const std::size_t from = at + name.size() + 2;
+    return at == std::string::npos ? "" : text.substr(from, text.find('\r', from) - from);
   }
+
+  // The whole number that `reply` is (DBSIZE, CLUSTER KEYSLOT), or -1 when it is none.
+  static long long number(const Reply& reply) {
+    const bool digit = reply.size() == 1 && std::isdigit(static_cast<unsigned char>(reply[0][0]));
+    return digit ? std::atoll(reply[0].c_str()) : -1;
+  }
+
+  // The integer field `name` of INFO (for instance "used_memory"), or -1 when there is none.
+  long long infoInteger(std::string_view name) { return number({field(command({"INFO"}), name)}); }
 
  private:
-  static int freeLoopbackPort() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopbackAddress(0);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
+  static void flatten(const redisReply* reply, Reply& flat) {
+    if (reply->type == REDIS_REPLY_ARRAY) {
+      for (std::size_t i = 0; i < reply->elements; ++i) flatten(reply->element[i], flat);
+    } else if (reply->type == REDIS_REPLY_INTEGER) {
+      flat.push_back(std::to_string(reply->integer));
+    } else if (reply->type != REDIS_REPLY_NIL) {
+      flat.emplace_back(reply->str, reply->len);
+    }
   }
 
+  bool launch() {
+    const std::string log = directory + "/redis.log";
+    const std::string port = std::to_string(tcpPort);
+    const char* appendOnly = options.durability == Durability::kNone ? "no" : "yes";
+    std::vector<std::string> args = {"redis-server", "--save",    "",         "--dir",
+                                     directory,      "--logfile", log,        "--port",
+                                     port,           "--bind",    "127.0.0.1"};
+    args.insert(args.end(), {"--unixsocket", socketPath, "--requirepass", options.password,
+                             "--appendonly", appendOnly});
+    args.insert(args.end(), options.moreArguments.begin(), options.moreArguments.end());
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    // Also what redis-server says before it opens its log, such as a complaint about an option.
+    const int output = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
+    const pid_t parent = getpid();
+    process = output < 0 ? -1 : fork();
+    if (process == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(1);  // the parent ended before prctl took effect
+      dup2(output, 1);
+      dup2(output, 2);
+      execvp(argv[0], argv.data());
+      const char notRun[] = "redis-server could not be run: is it installed?\n";
+      [[maybe_unused]] const ssize_t written = write(2, notRun, sizeof notRun - 1);
+      _exit(127);
+    }
+    if (output >= 0) close(output);
+    if (process < 0) {
+      process = 0;
+      return fail("cannot open " + log + " or fork for redis-server");
+    }
+    for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         std::chrono::steady_clock::now() < deadline;) {
+      if (waitpid(process, nullptr, WNOHANG) == process) {
+        process = 0;
+        std::ifstream text(log);
+        return fail("redis-server stopped at once: " +
+                    std::string(std::istreambuf_iterator<char>(text), {}));
+      }
+      if (command({"PING"}) == Reply{"PONG"}) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    kill();
+    return fail("redis-server did not answer PING within ten seconds");
+  }
+
+  // Sends `signal` and reaps the server, killing it when it has not ended within ten seconds.
   void end(int signal) {
+    connection.reset();
     if (process <= 0) return;
     ::kill(process, signal);
-    waitpid(process, nullptr, 0);
+    for (int wait = 0; waitpid(process, nullptr, WNOHANG) == 0; ++wait) {
+      if (wait == 2000) ::kill(process, SIGKILL);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     process = 0;
   }
 
@@ -218,7 +241,9 @@ class RedisServer {
   Options options;
   std::string directory;
   std::string socketPath;  // empty when listening on loopback
+  int tcpPort = 0;         // 0 on a Unix socket, and on loopback until the first start
   pid_t process = 0;
+  std::unique_ptr<redisContext, void (*)(redisContext*)> connection{nullptr, redisFree};
   std::string why;
 };
 
