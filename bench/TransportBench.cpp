@@ -2,11 +2,10 @@
 // same number of bytes, measured in the same run; and a getStatus round trip with no service
 // behind it, the library's own share of that row in ksmem_bench.
 //
-// This program defines the eight transport entries itself: a scripted transport that runs one
-// stream-form exchange (status 19, the body, status 20, the reply in deliveries of 16384 bytes,
-// -1) and does no more per call than any transport must: it measures each body chunk, since a
-// text comes without its length, and copies each delivery into the library's buffer. The
-// recording fake of the unit tests would add its own copies of every text to the figures.
+// The transport is the scripted one of the unit tests (tests/ScriptedTransport.h) with its
+// recording off, so that it does no more per call than any transport must: it measures each
+// text and copies each delivery into the library's buffer. Every exchange is of the stream
+// form (status 19, the body, status 20, the reply in deliveries of 16384 bytes, the end).
 //
 // Memory: every gathering iteration allocates its result, the reference with one new[] of the
 // final size, the library by doubling from 16384 bytes. This program has the allocator map each
@@ -26,30 +25,16 @@
 #include "bench/PageFaults.h"
 #include "client/KsMEMConnection.h"
 #include "client/KsMEMRequest.h"
-#include "client/KsMemBinding.h"
 #include "client/StringViewStream.h"
 #include "schemas/_2009_06/base/Namespace.h"
+#include "tests/ScriptedTransport.h"
 
 using Kestrane::Net::KsModelEventManager::Client::KsMEMConnection;
 using Kestrane::Net::KsModelEventManager::Client::KsMEMRequest;
 using Kestrane::Net::KsModelEventManager::Client::StringViewStream;
+namespace st = ScriptedTransport;
 
 namespace {
-
-struct ScriptedExchange {
-  enum Phase { kHeaderBlock, kBody, kReply };
-  Phase phase = kHeaderBlock;
-  std::string_view reply;
-  size_t delivered = 0;
-  size_t bodyBytes = 0;
-};
-
-ScriptedExchange transport;
-
-// An input stream over a text that the caller keeps alive, read without a copy, as the
-// connection hands its body to a request.
-// The next exchange replies with `reply`, which must outlive it.
-void scriptExchange(std::string_view reply) { transport = ScriptedExchange{{}, reply, 0, 0}; }
 
 // Text of `size` bytes, no zero byte among them, looking like event data.
 std::string textOfSize(size_t size) {
@@ -70,11 +55,13 @@ void addEventHeaders(KsMEMRequest& request, const char* operation) {
 }
 
 void gatherByLibrary(benchmark::State& state, size_t size) {
-  const std::string reply = textOfSize(size);
+  const auto reply = std::make_shared<const std::string>(textOfSize(size));
   const std::string bodyText = "Get Events Request";
+  st::reset();
+  st::record(false);
   const PageFaultCounter faults;
   for (auto _ : state) {
-    scriptExchange(reply);
+    st::scriptExchange(reply);
     KsMEMRequest request;
     addEventHeaders(request, "getEvents");
     StringViewStream body(bodyText);
@@ -103,18 +90,21 @@ void gatherByMemcpy(benchmark::State& state, size_t size) {
 void sendByLibrary(benchmark::State& state, size_t size) {
   const std::string events = textOfSize(size);
   // What putEvents gets back for one other client.
-  const std::string reply =
+  const auto reply = std::make_shared<const std::string>(
       std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?><SharedClientIDs xmlns=\"") +
       Kestrane::Schemas::KsModelEventManager::_2009_06::Base::kBaseNamespaceURI +
-      "\"><sharedClients>bob</sharedClients></SharedClientIDs>";
+      "\"><sharedClients>bob</sharedClients></SharedClientIDs>");
+  st::reset();
+  st::record(false);
   for (auto _ : state) {
-    scriptExchange(reply);
+    st::scriptExchange(reply);
     KsMEMRequest request;
     addEventHeaders(request, "putEvents");
     StringViewStream body(events);
     request.setRequestStream(&body);
+    const size_t sentBefore = st::sentBytes();
     benchmark::DoNotOptimize(request.exchange());
-    if (transport.bodyBytes != size) state.SkipWithError("the body went out incomplete");
+    if (st::sentBytes() - sentBefore < size) state.SkipWithError("the body went out incomplete");
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
 }
@@ -133,10 +123,12 @@ void sendByMemcpy(benchmark::State& state, size_t size) {
 
 // The library's own share of a getStatus round trip: the embedded service's is left out.
 void statusOverScriptedTransport(benchmark::State& state) {
-  const std::string echo = "KsMEM Status check";
+  const auto echo = std::make_shared<const std::string>("KsMEM Status check");
   KsMEMConnection connection;
+  st::reset();
+  st::record(false);
   for (auto _ : state) {
-    scriptExchange(echo);
+    st::scriptExchange(echo);
     if (connection.getStatus() != 0) {
       state.SkipWithError("the status check was not echoed");
       break;
@@ -159,43 +151,3 @@ const bool registered = [] {
 }();
 
 }  // namespace
-
-extern "C" {
-
-int32_t KsMem_Init(KsMemAllocFunc, KsMemFreeFunc) { return 0; }
-int32_t KsMem_Term(void) { return 0; }
-int32_t KsMem_Send(const char*) { return -3016; }  // the text form is not benchmarked
-int32_t KsMem_SendEOF(void) { return 0; }
-int32_t KsMem_Complete(void) { return 0; }
-
-int32_t KsMem_SendNoAck(const char* text) {
-  if (transport.phase == ScriptedExchange::kBody) transport.bodyBytes += std::strlen(text);
-  return 1;
-}
-
-int32_t KsMem_Receive(char* buffer) {
-  switch (transport.phase) {
-    case ScriptedExchange::kHeaderBlock:
-      transport.phase = ScriptedExchange::kBody;
-      return 19;
-    case ScriptedExchange::kBody:
-      transport.phase = ScriptedExchange::kReply;
-      return 20;
-    case ScriptedExchange::kReply:
-      break;
-  }
-  const size_t remaining = transport.reply.size() - transport.delivered;
-  if (remaining == 0) return -1;
-  const size_t count =
-      remaining < KSMEM_RECEIVE_BUFFER_SIZE ? remaining : KSMEM_RECEIVE_BUFFER_SIZE;
-  std::memcpy(buffer, transport.reply.data() + transport.delivered, count);
-  transport.delivered += count;
-  return static_cast<int32_t>(count);
-}
-
-int32_t KsMem_GetLastError(const char** text) {
-  *text = "the scripted transport was called out of turn";
-  return 0;
-}
-
-}  // extern "C"

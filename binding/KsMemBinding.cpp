@@ -1,6 +1,7 @@
 // The eight transport entries, serving every request with the service that KSMEM_SERVICE
-// chooses (ServiceChoice.h). When it names none, KsMem_Init fails with 1001 and every exchange
-// with kServiceUnreachable, each with a text that names the value and the accepted forms.
+// chooses (ServiceChoice.h). When it names none, KsMem_Init fails with KSMEM_ERR_INIT_CONNECTION
+// and every exchange with KSMEM_ERR_SERVICE_UNREACHABLE, each with a text that names the value
+// and the accepted forms.
 //
 // Each thread has its own exchange in progress, so connections on different threads never see
 // each other's traffic; the last error text is per thread too. An exchange moves through the
@@ -9,6 +10,13 @@
 // body, or KsMem_Send) always starts a new exchange. While the body is wanted a text sent with
 // KsMem_SendNoAck is a body chunk, whatever it holds: a client that abandons an exchange there
 // must end it (KsMem_SendEOF and a status read, or KsMem_Complete) before it starts the next.
+
+// Only the eight entries leave the library. First, so that the headers below, which include it
+// too, find the entries declared with default visibility already.
+#pragma GCC visibility push(default)
+#include "client/KsMemBinding.h"
+#pragma GCC visibility pop
+
 #include <cstring>
 #include <exception>
 #include <optional>
@@ -20,22 +28,8 @@
 #include "binding/ServiceBackend.h"
 #include "binding/ServiceChoice.h"
 
-// Only the eight entries leave the library.
-#pragma GCC visibility push(default)
-#include "client/KsMemBinding.h"
-#pragma GCC visibility pop
-
 namespace Kestrane::Net::KsModelEventManager::Binding {
 namespace {
-
-constexpr int32_t kNoService = 1001;  // from KsMem_Init alone
-constexpr int32_t kBodyWanted = 19;
-constexpr int32_t kGoOnToReply = 20;
-constexpr int32_t kReplyEnd = -1;
-// A call that does not fit the exchange, or that lacks its argument.
-constexpr int32_t kCallOutOfTurn = -3016;
-// The transport could not do its part (out of memory).
-constexpr int32_t kTransportFault = -3010;
 
 enum class Phase {
   kNone,              // no exchange on this thread
@@ -98,9 +92,9 @@ int32_t fail(int32_t code, std::string text) {
 
 int32_t outOfTurn(const char* entry) {
   const bool abandoning = exchange.phase != Phase::kNone;
-  return fail(kCallOutOfTurn, std::string(entry) +
-                                  " was called out of turn: " + describe(exchange.phase) +
-                                  (abandoning ? ". The exchange is abandoned." : "."));
+  return fail(KSMEM_ERR_OUT_OF_TURN, std::string(entry) +
+                                         " was called out of turn: " + describe(exchange.phase) +
+                                         (abandoning ? ". The exchange is abandoned." : "."));
 }
 
 // Runs one entry's work; an exception (memory ran out) becomes a failure result, since none
@@ -110,8 +104,8 @@ int32_t guarded(const char* entry, Work work) {
   try {
     return work();
   } catch (const std::exception& e) {
-    return fail(kTransportFault, std::string(entry) + " failed inside the transport (" + e.what() +
-                                     "). The exchange is abandoned.");
+    return fail(KSMEM_ERR_TRANSPORT_FAULT, std::string(entry) + " failed inside the transport (" +
+                                               e.what() + "). The exchange is abandoned.");
   }
 }
 
@@ -121,13 +115,13 @@ int32_t startExchange(const char* text, bool textForm) {
   std::size_t blockLength = 0;
   std::string problem;
   if (!parseHeaderBlock(request, exchange.headers, blockLength, problem)) {
-    return fail(kMalformedRequest, problem);
+    return fail(KSMEM_ERR_MALFORMED_REQUEST, problem);
   }
   if (textForm) {
     exchange.body.assign(request.substr(blockLength));
     exchange.phase = Phase::kText;
   } else if (blockLength != request.size()) {
-    return fail(kMalformedRequest,
+    return fail(KSMEM_ERR_MALFORMED_REQUEST,
                 "Text follows the request's header block; in the stream form the body is sent "
                 "in chunks after the transport has asked for it.");
   } else {
@@ -139,7 +133,7 @@ int32_t startExchange(const char* text, bool textForm) {
 // Hands the finished request to the service; 0 once the reply is ready to be read.
 int32_t serve() {
   const ServiceChoice& service = processService();
-  if (!service.backend) return fail(kServiceUnreachable, service.problem);
+  if (!service.backend) return fail(KSMEM_ERR_SERVICE_UNREACHABLE, service.problem);
   ServiceResult result = service.backend->handle(exchange.headers, exchange.body);
   if (result.code != 0) return fail(result.code, std::move(result.text));
   exchange.reply = std::move(result.text);
@@ -153,7 +147,7 @@ int32_t deliver(char* buffer) {
     std::string().swap(exchange.reply);
     exchange.delivered = 0;
     exchange.phase = Phase::kReplyEnded;
-    return kReplyEnd;
+    return KSMEM_END_OF_REPLY;
   }
   const std::size_t count =
       remaining < KSMEM_RECEIVE_BUFFER_SIZE ? remaining : KSMEM_RECEIVE_BUFFER_SIZE;
@@ -174,7 +168,7 @@ int32_t KsMem_Init(KsMemAllocFunc, KsMemFreeFunc) {
     const ServiceChoice& service = processService();
     if (service.backend) return 0;
     lastError = service.problem;
-    return kNoService;
+    return KSMEM_ERR_INIT_CONNECTION;
   });
 }
 
@@ -182,14 +176,14 @@ int32_t KsMem_Term(void) { return 0; }
 
 int32_t KsMem_Send(const char* text) {
   return guarded("KsMem_Send", [&]() -> int32_t {
-    if (text == nullptr) return fail(kCallOutOfTurn, "KsMem_Send was given no text.");
+    if (text == nullptr) return fail(KSMEM_ERR_OUT_OF_TURN, "KsMem_Send was given no text.");
     return startExchange(text, true);
   });
 }
 
 int32_t KsMem_SendNoAck(const char* text) {
   return guarded("KsMem_SendNoAck", [&]() -> int32_t {
-    if (text == nullptr) return fail(kCallOutOfTurn, "KsMem_SendNoAck was given no text.");
+    if (text == nullptr) return fail(KSMEM_ERR_OUT_OF_TURN, "KsMem_SendNoAck was given no text.");
     if (exchange.phase == Phase::kBody) {
       exchange.body += text;
       return 1;  // above 0 lets the body go on, an empty chunk included
@@ -219,14 +213,14 @@ int32_t KsMem_SendEOF(void) {
 
 int32_t KsMem_Receive(char* buffer) {
   return guarded("KsMem_Receive", [&]() -> int32_t {
-    if (buffer == nullptr) return fail(kCallOutOfTurn, "KsMem_Receive was given no buffer.");
+    if (buffer == nullptr) return fail(KSMEM_ERR_OUT_OF_TURN, "KsMem_Receive was given no buffer.");
     switch (exchange.phase) {
       case Phase::kHeaderBlockEnded:
         exchange.phase = Phase::kBody;
-        return kBodyWanted;
+        return KSMEM_STATUS_BODY_WANTED;
       case Phase::kBodyEnded: {
         const int32_t served = serve();
-        return served < 0 ? served : kGoOnToReply;
+        return served < 0 ? served : KSMEM_STATUS_NO_MORE_TO_SEND;
       }
       case Phase::kTextEnded: {
         const int32_t served = serve();
@@ -235,7 +229,7 @@ int32_t KsMem_Receive(char* buffer) {
       case Phase::kReply:
         return deliver(buffer);
       case Phase::kReplyEnded:
-        return kReplyEnd;
+        return KSMEM_END_OF_REPLY;
       default:
         return outOfTurn("KsMem_Receive");
     }
@@ -251,7 +245,7 @@ int32_t KsMem_Complete(void) {
 }
 
 int32_t KsMem_GetLastError(const char** text) {
-  if (text == nullptr) return kCallOutOfTurn;
+  if (text == nullptr) return KSMEM_ERR_OUT_OF_TURN;
   *text = lastError ? lastError->c_str() : nullptr;
   return 0;
 }

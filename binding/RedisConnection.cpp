@@ -72,7 +72,7 @@ template <typename Failure>
 void RedisConnection::fail(const char* what, const std::string& reason) {
   close();
   Failure failure;
-  failure.code = kServiceUnreachable;
+  failure.code = KSMEM_ERR_SERVICE_UNREACHABLE;
   failure.text = what + url.shown + ": ";
   if (url.kind == ServiceURL::Kind::kRedisCluster) {
     failure.text += "node " + node->host + ":" + std::to_string(node->port) + ": ";
@@ -82,13 +82,15 @@ void RedisConnection::fail(const char* what, const std::string& reason) {
 }
 
 void RedisConnection::refused(const redisReply& error) const {
-  throw ServiceFailure{kServiceRefused, "the service at " + url.shown + " refused the request: " +
-                                            std::string(error.str, error.len)};
+  throw ServiceFailure{
+      KSMEM_ERR_SERVICE_REFUSED,
+      "the service at " + url.shown + " refused the request: " + std::string(error.str, error.len)};
 }
 
 void RedisConnection::unexpected() const {
-  throw ServiceFailure{kServiceRefused, "the service at " + url.shown +
-                                            " gave a reply of another kind than was asked for"};
+  throw ServiceFailure{
+      KSMEM_ERR_SERVICE_REFUSED,
+      "the service at " + url.shown + " gave a reply of another kind than was asked for"};
 }
 
 std::vector<RedisReply> RedisConnection::send(const std::vector<RedisCommand>& batch,

@@ -4,8 +4,8 @@
 // at most that time limit for its reply. While it sends, SIGPIPE is held back from the thread,
 // so that a connection that Redis closed fails the command rather than ending the process.
 //
-// Failures throw, each a ServiceFailure with kServiceUnreachable and a text that names the
-// service (its password hidden), the node when it is one of a cluster's, and the reason:
+// Failures throw, each a ServiceFailure with KSMEM_ERR_SERVICE_UNREACHABLE and a text that names
+// the service (its password hidden), the node when it is one of a cluster's, and the reason:
 //   NotConnected  "cannot reach the service at URL: ..." when connecting fails;
 //   ServiceFailure of its own kind, with the same text, when Redis refuses the password or the
 //                 database, which trying again would not mend;

@@ -149,7 +149,7 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
   node.replicas = connectedReplicas(node);
   if (node.replicas == 0) return std::move(replies[0]);
   ReplyLost unreplicated;
-  unreplicated.code = kServiceUnreachable;
+  unreplicated.code = KSMEM_ERR_SERVICE_UNREACHABLE;
   unreplicated.text = "lost the connection to the service at " + url.shown + ": node " +
                       node.address.host + ":" + std::to_string(node.address.port) +
                       ": no replica took the write within " + waitMs + " ms";

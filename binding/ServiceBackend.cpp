@@ -52,10 +52,10 @@ std::string sharedClientIDsDocument(const ClientIDs& clients) {
 
 ServiceResult unknownClient(const std::string& serverID, const std::string& clientID,
                             const std::string& operation) {
-  return {kUnknownClient, "Client \"" + clientID +
-                              "\" is not registered with the Model Event Manager under server \"" +
-                              serverID + "\", so it cannot call " + operation +
-                              "; it must call registerClient first."};
+  return {KSMEM_ERR_UNKNOWN_CLIENT,
+          "Client \"" + clientID +
+              "\" is not registered with the Model Event Manager under server \"" + serverID +
+              "\", so it cannot call " + operation + "; it must call registerClient first."};
 }
 
 // A client identifier on a line of its own: bytes that would split or blur it written as "%"
@@ -89,7 +89,7 @@ ServiceResult ServiceBackend::handle(const RequestHeaders& headers, const std::s
   const Unconfirmed fetched = std::exchange(unconfirmed, Unconfirmed());
   const auto operationHeader = headers.find("Operation-Name");
   if (operationHeader == headers.end()) {
-    return {kMalformedRequest,
+    return {KSMEM_ERR_MALFORMED_REQUEST,
             "The request names no operation: its header block has no \"Operation-Name\"."};
   }
   const std::string& operation = operationHeader->second;
@@ -116,9 +116,10 @@ ServiceResult ServiceBackend::serve(const std::string& operation, const std::str
   }
   if (operation == "registerClient") {
     if (serverID.empty()) {
-      return {kMalformedRequest, "Client \"" + clientID +
-                                     "\" cannot register without a server identifier: the "
-                                     "request's \"Server-ID\" header is empty or missing."};
+      return {KSMEM_ERR_MALFORMED_REQUEST,
+              "Client \"" + clientID +
+                  "\" cannot register without a server identifier: the "
+                  "request's \"Server-ID\" header is empty or missing."};
     }
     return {0, sharedClientIDsDocument(registerClient(serverID, clientID))};
   }
@@ -152,16 +153,18 @@ ServiceResult ServiceBackend::serve(const std::string& operation, const std::str
     }
   } else if (operation == "putEvents") {
     if (body.size() > kMaxEventBytes) {
-      return {kMalformedRequest, "The event is " + std::to_string(body.size()) +
-                                     " bytes long; the Model Event Manager takes events of at "
-                                     "most " +
-                                     std::to_string(kMaxEventBytes) + " bytes."};
+      return {KSMEM_ERR_MALFORMED_REQUEST,
+              "The event is " + std::to_string(body.size()) +
+                  " bytes long; the Model Event Manager takes events of at "
+                  "most " +
+                  std::to_string(kMaxEventBytes) + " bytes."};
     }
     clients = putEvents(serverID, clientID, body);
   } else if (operation == "getSharedClients") {
     clients = getSharedClients(serverID, clientID);
   } else {
-    return {kUnknownOperation, "The Model Event Manager has no operation \"" + operation + "\"."};
+    return {KSMEM_ERR_UNKNOWN_OPERATION,
+            "The Model Event Manager has no operation \"" + operation + "\"."};
   }
   if (!clients) return unknownClient(serverID, clientID, operation);
   return {0, sharedClientIDsDocument(*clients)};

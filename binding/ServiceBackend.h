@@ -17,7 +17,7 @@
 // registerClient, unregisterClient, putEvents and getSharedClients reply with a SharedClientIDs
 // document: the server's clients after the change (for putEvents, the clients the event was
 // queued for). Any operation but getStatus and registerClient from a client that is not
-// registered fails with kUnknownClient. Event texts are kept byte for byte.
+// registered fails with KSMEM_ERR_UNKNOWN_CLIENT. Event texts are kept byte for byte.
 //
 // Delivery is at least once. Each server keeps one log of events and, for each client, a cursor:
 // the last event that the client has acknowledged. A fetch reads after the cursor and does not
@@ -48,15 +48,9 @@
 #include <vector>
 
 #include "binding/HeaderBlock.h"
+#include "client/KsMemBinding.h"
 
 namespace Kestrane::Net::KsModelEventManager::Binding {
-
-// Failure codes that a backend reports; the client library maps each to an exception class.
-inline constexpr int32_t kUnknownClient = -751;        // the caller is not registered
-inline constexpr int32_t kServiceUnreachable = -3001;  // no connection to the service, or it broke
-inline constexpr int32_t kServiceRefused = -3009;      // the service failed the request it got
-inline constexpr int32_t kUnknownOperation = -3017;    // Operation-Name names no operation
-inline constexpr int32_t kMalformedRequest = -3099;    // the request cannot be served as sent
 
 // What every backend keeps to, so that a reply stays far below the client's limits.
 inline constexpr std::size_t kMaxEventBytes = std::size_t{1} << 20;
@@ -67,7 +61,7 @@ inline constexpr std::size_t kBatchBytes = std::size_t{4} << 20;
 inline constexpr std::size_t kFetchScanLimit = 10000;
 
 struct ServiceResult {
-  int32_t code = 0;  // 0 for a reply, else one of the failure codes above
+  int32_t code = 0;  // 0 for a reply, else a failure code of KsMemBinding.h
   std::string text;  // the reply bytes, or for a failure a sentence that says what was wrong
 };
 

@@ -6,8 +6,7 @@
 
 #include "client/KsMEMRequest.h"
 #include "client/StringViewStream.h"
-#include "schemas/_2009_06/base/SharedClientIDs.h"
-#include "util/SAXToNodeParser.h"
+#include "schemas/_2009_06/base/SharedClientsReply.h"
 
 namespace Kestrane::Net::KsModelEventManager::Client {
 
@@ -35,16 +34,9 @@ void releaseXmlParser() {
 const char kServiceName[] = "KsMEMRequest";
 const char kNotRegistered[] = "Client not Registered with Model Event Manager";
 
-// Reads the client list of a reply document and appends it to `sharedClients`; leaves the list
-// untouched when the reply cannot be read.
-void appendSharedClients(const std::string& reply, std::vector<std::string>& sharedClients) {
-  Schemas::KsModelEventManager::_2009_06::Base::SharedClientIDs clients;
-  Util::SAXToNodeParser parser;
-  clients.parse(*parser.parseString(reply));
-  clients.getSharedClients(sharedClients);
-}
-
 }  // namespace
+
+using Schemas::KsModelEventManager::_2009_06::Base::appendSharedClients;
 
 KsMEMConnection::KsMEMConnection() : transportInitialised(false) { acquireXmlParser(); }
 

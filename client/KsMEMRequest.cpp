@@ -20,15 +20,6 @@ constexpr int32_t kReplyBufferSize = KSMEM_RECEIVE_BUFFER_SIZE;
 // The largest reply accepted: the gathered length stays a signed 32-bit count.
 constexpr int32_t kMaxReplySize = 1 << 30;
 
-// Statuses of KsMem_Receive while the transport decides about the body.
-constexpr int32_t kBodyWanted = 19;
-constexpr int32_t kNoMoreToSend = 20;
-constexpr int32_t kGoOn = 0;
-// KsMem_Receive result that ends a reply.
-constexpr int32_t kEndOfReply = -1;
-// Our own code for a text that could not be handed to the transport.
-constexpr int32_t kNoTextToSend = -3002;
-
 }  // namespace
 
 KsMEMRequest::KsMEMRequest() : replyBuffer(new char[kReplyBufferSize]), requestStream(nullptr) {}
@@ -76,9 +67,9 @@ std::string KsMEMRequest::exchange() {
 
   sendHeaderBlock();
   int32_t status = receive();
-  while (status == kBodyWanted) status = sendRequestStream();
+  while (status == KSMEM_STATUS_BODY_WANTED) status = sendRequestStream();
   if (status < 0) throwTransportFailure(status);
-  if (status != kNoMoreToSend && status != kGoOn) {
+  if (status != KSMEM_STATUS_NO_MORE_TO_SEND && status != KSMEM_STATUS_GO_ON) {
     // No other status has a meaning here; waiting for one that does could last forever.
     throw KsMEMProtocolException("The transport answered the request with status " +
                                  std::to_string(status) +
@@ -88,7 +79,7 @@ std::string KsMEMRequest::exchange() {
 }
 
 void KsMEMRequest::sendRequestText(const char* text) {
-  if (text == nullptr) throwTransportFailure(kNoTextToSend);
+  if (text == nullptr) throwTransportFailure(KSMEM_ERR_NO_TEXT);
   int32_t result = KsMem_Send(text);
   if (result < 0) throwTransportFailure(result);
   result = KsMem_SendEOF();
@@ -136,8 +127,8 @@ std::string KsMEMRequest::readReply() {
   reply.reserve(kReplyBufferSize);
   for (;;) {
     const int32_t count = receive();
-    if (count == kEndOfReply) break;
-    if (count < kEndOfReply) throwTransportFailure(count);
+    if (count == KSMEM_END_OF_REPLY) break;
+    if (count < KSMEM_END_OF_REPLY) throwTransportFailure(count);
     // A transport that claims more than its buffer holds is not read beyond the buffer.
     if (count > kReplyBufferSize) {
       throw KsMEMProtocolException("The transport delivered " + std::to_string(count) +

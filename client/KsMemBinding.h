@@ -22,6 +22,36 @@ extern "C" {
 /* Size of the buffer that KsMem_Receive fills; a delivery never exceeds it. */
 #define KSMEM_RECEIVE_BUFFER_SIZE 16384
 
+/* What KsMem_Receive answers after the header block or the body of the stream form, and the
+ * result that ends a reply. While a reply is read, every result from 0 up is a byte count. */
+enum {
+  KSMEM_STATUS_BODY_WANTED = 19,     /* send the body, end it, read the next status */
+  KSMEM_STATUS_NO_MORE_TO_SEND = 20, /* go on to the reply */
+  KSMEM_STATUS_GO_ON = 0,            /* go on to the reply, as 20 does */
+  KSMEM_END_OF_REPLY = -1            /* after a status: a failure like any negative result */
+};
+
+/* Failure results. The client library maps each to an exception class (Client's
+ * throwTransportFailure); any other failure result is unrecognised. */
+enum {
+  /* From KsMem_Init alone, which fails on anything but 0: a fault of the connection, of the
+   * protocol, of the run time. */
+  KSMEM_ERR_INIT_CONNECTION = 1001,
+  KSMEM_ERR_INIT_PROTOCOL = 1002,
+  KSMEM_ERR_INIT_RUNTIME = 1003,
+  /* From any entry. */
+  KSMEM_ERR_UNKNOWN_CLIENT = -751,       /* the caller is not registered with the service */
+  KSMEM_ERR_CONNECTION_HIGHEST = -2996,  /* -2996 to -2999: the connection to the service */
+  KSMEM_ERR_CONNECTION_LOWEST = -2999,   /* failed; the client library tells them not apart */
+  KSMEM_ERR_SERVICE_UNREACHABLE = -3001, /* no connection to the service, or it broke */
+  KSMEM_ERR_NO_TEXT = -3002,             /* the client library's own: no text to hand over */
+  KSMEM_ERR_SERVICE_REFUSED = -3009,     /* the service failed the request it got */
+  KSMEM_ERR_TRANSPORT_FAULT = -3010,     /* the transport could not do its part */
+  KSMEM_ERR_OUT_OF_TURN = -3016,         /* a call that does not fit the exchange */
+  KSMEM_ERR_UNKNOWN_OPERATION = -3017,   /* Operation-Name names no operation */
+  KSMEM_ERR_MALFORMED_REQUEST = -3099    /* the request cannot be served as sent */
+};
+
 typedef void* (*KsMemAllocFunc)(size_t);
 typedef void (*KsMemFreeFunc)(void*);
 

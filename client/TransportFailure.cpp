@@ -15,23 +15,22 @@ std::string getLastErrorText() {
 
 void throwTransportFailure(int32_t code) {
   const std::string message = getLastErrorText();
+  if (code >= KSMEM_ERR_CONNECTION_LOWEST && code <= KSMEM_ERR_CONNECTION_HIGHEST) {
+    throw KsMEMConnectionException(message);
+  }
   switch (code) {
-    case 1001:
-    case -2996:
-    case -2997:
-    case -2998:
-    case -2999:
-    case -3001:
+    case KSMEM_ERR_INIT_CONNECTION:
+    case KSMEM_ERR_SERVICE_UNREACHABLE:
       throw KsMEMConnectionException(message);
-    case 1002:
-    case -751:
-    case -3017:
-    case -3099:
+    case KSMEM_ERR_INIT_PROTOCOL:
+    case KSMEM_ERR_UNKNOWN_CLIENT:
+    case KSMEM_ERR_UNKNOWN_OPERATION:
+    case KSMEM_ERR_MALFORMED_REQUEST:
       throw KsMEMProtocolException(message);
-    case 1003:
-    case -3009:
-    case -3010:
-    case -3016:
+    case KSMEM_ERR_INIT_RUNTIME:
+    case KSMEM_ERR_SERVICE_REFUSED:
+    case KSMEM_ERR_TRANSPORT_FAULT:
+    case KSMEM_ERR_OUT_OF_TURN:
       throw KsMEMRuntimeException(message);
     default:
       throw KsMEMUnrecognisedException(message);

@@ -8,7 +8,7 @@
 namespace Kestrane::Net::KsModelEventManager::Client {
 
 // Throws the exception class that belongs to the transport result `code`, with the transport's
-// last error text as its message and type code 0:
+// last error text as its message and type code 0 (the codes are named in KsMemBinding.h):
 //   1001, -2996..-2999, -3001    KsMEMConnectionException
 //   1002, -751, -3017, -3099     KsMEMProtocolException
 //   1003, -3009, -3010, -3016    KsMEMRuntimeException

@@ -56,11 +56,35 @@ constexpr size_t kDeliveredBytesPerInput = 1 << 19;
 constexpr int kMaxOperationsPerInput = 48;
 const char kNotRegistered[] = "Client not Registered with Model Event Manager";
 
-// Every code of the failure table, its neighbours, -1 and the library's own -3002.
-constexpr int32_t kFailureCodes[] = {-751,  -2996, -2997, -2998, -2999, -3001,    -3009,
-                                     -3010, -3016, -3017, -3099, -1,    -2,       -750,
-                                     -2995, -3000, -3002, -3100, -3098, INT32_MIN};
-constexpr int32_t kInitOnlyCodes[] = {1001, 1002, 1003, 1, 1000, 1004, INT32_MAX};
+// Every code of the failure table, its neighbours, the end of a reply and the library's own
+// code.
+constexpr int32_t kFailureCodes[] = {KSMEM_ERR_UNKNOWN_CLIENT,
+                                     KSMEM_ERR_CONNECTION_HIGHEST,
+                                     KSMEM_ERR_CONNECTION_HIGHEST - 1,
+                                     KSMEM_ERR_CONNECTION_LOWEST + 1,
+                                     KSMEM_ERR_CONNECTION_LOWEST,
+                                     KSMEM_ERR_SERVICE_UNREACHABLE,
+                                     KSMEM_ERR_SERVICE_REFUSED,
+                                     KSMEM_ERR_TRANSPORT_FAULT,
+                                     KSMEM_ERR_OUT_OF_TURN,
+                                     KSMEM_ERR_UNKNOWN_OPERATION,
+                                     KSMEM_ERR_MALFORMED_REQUEST,
+                                     KSMEM_END_OF_REPLY,
+                                     KSMEM_END_OF_REPLY - 1,
+                                     KSMEM_ERR_UNKNOWN_CLIENT + 1,
+                                     KSMEM_ERR_CONNECTION_HIGHEST + 1,
+                                     KSMEM_ERR_CONNECTION_LOWEST - 1,
+                                     KSMEM_ERR_NO_TEXT,
+                                     KSMEM_ERR_MALFORMED_REQUEST - 1,
+                                     KSMEM_ERR_MALFORMED_REQUEST + 1,
+                                     INT32_MIN};
+constexpr int32_t kInitOnlyCodes[] = {KSMEM_ERR_INIT_CONNECTION,
+                                      KSMEM_ERR_INIT_PROTOCOL,
+                                      KSMEM_ERR_INIT_RUNTIME,
+                                      1,
+                                      KSMEM_ERR_INIT_CONNECTION - 1,
+                                      KSMEM_ERR_INIT_RUNTIME + 1,
+                                      INT32_MAX};
 
 FuzzedDataProvider* input;
 
@@ -89,23 +113,22 @@ const char* kindName(Kind kind) {
 
 // The class that a failure result maps to.
 Kind classOf(int32_t code) {
+  if (code >= KSMEM_ERR_CONNECTION_LOWEST && code <= KSMEM_ERR_CONNECTION_HIGHEST) {
+    return Kind::Connection;
+  }
   switch (code) {
-    case 1001:
-    case -2996:
-    case -2997:
-    case -2998:
-    case -2999:
-    case -3001:
+    case KSMEM_ERR_INIT_CONNECTION:
+    case KSMEM_ERR_SERVICE_UNREACHABLE:
       return Kind::Connection;
-    case 1002:
-    case -751:
-    case -3017:
-    case -3099:
+    case KSMEM_ERR_INIT_PROTOCOL:
+    case KSMEM_ERR_UNKNOWN_CLIENT:
+    case KSMEM_ERR_UNKNOWN_OPERATION:
+    case KSMEM_ERR_MALFORMED_REQUEST:
       return Kind::Protocol;
-    case 1003:
-    case -3009:
-    case -3010:
-    case -3016:
+    case KSMEM_ERR_INIT_RUNTIME:
+    case KSMEM_ERR_SERVICE_REFUSED:
+    case KSMEM_ERR_TRANSPORT_FAULT:
+    case KSMEM_ERR_OUT_OF_TURN:
       return Kind::Runtime;
     default:
       return Kind::Unrecognised;
@@ -164,7 +187,7 @@ int32_t fail(int32_t code) {
 
 // A failure result. While a reply is read, -1 ends it and is no failure.
 int32_t pickFailure(bool readingReply = false) {
-  const int32_t worst = readingReply ? -2 : -1;
+  const int32_t worst = readingReply ? KSMEM_END_OF_REPLY - 1 : KSMEM_END_OF_REPLY;
   const size_t choice = input->ConsumeIntegralInRange<size_t>(0, std::size(kFailureCodes));
   if (choice == std::size(kFailureCodes)) return std::min(input->ConsumeIntegral<int32_t>(), worst);
   return std::min(kFailureCodes[choice], worst);
@@ -226,22 +249,25 @@ int32_t receiveStatus() {
     case 0:
     case 4:
       startReply();
-      return 20;
+      return KSMEM_STATUS_NO_MORE_TO_SEND;
     case 1:
       startReply();
-      return 0;
+      return KSMEM_STATUS_GO_ON;
     case 2:
     case 3:
       transport.phase = Phase::SendingBody;
       transport.bodyEnded = false;
-      return 19;
+      return KSMEM_STATUS_BODY_WANTED;
     case 5:
     case 6:
-      return fail(choice % 8 == 6 ? -1 : pickFailure());
+      return fail(choice % 8 == 6 ? KSMEM_END_OF_REPLY : pickFailure());
     default: {
       int32_t status = input->ConsumeIntegral<int32_t>();
       if (status < 0) return fail(status);
-      if (status == 0 || status == 19 || status == 20) status = 21;
+      if (status == KSMEM_STATUS_GO_ON || status == KSMEM_STATUS_BODY_WANTED ||
+          status == KSMEM_STATUS_NO_MORE_TO_SEND) {
+        status = KSMEM_STATUS_NO_MORE_TO_SEND + 1;
+      }
       transport.phase = Phase::Idle;
       transport.problem = {Problem::OutOfContract, status, ""};
       return status;
@@ -265,7 +291,7 @@ int32_t deliver(char* buffer) {
     transport.phase = Phase::Finishing;
     exchange.wholeClientList =
         exchange.mode == ReplyMode::ClientList && transport.pendingReply.empty();
-    return -1;
+    return KSMEM_END_OF_REPLY;
   }
   size_t count = input->ConsumeIntegralInRange<size_t>(0, kMaxDelivery);
   count = std::min(count, kDeliveredBytesPerInput - transport.delivered);

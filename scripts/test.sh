@@ -37,7 +37,7 @@ for pass in "${passes[@]}"; do
     tsan)
       build build-tsan -DKSMEM_SANITIZE=thread -DKSMEM_BUILD_BENCHMARKS=OFF
       TSAN_OPTIONS=halt_on_error=1 \
-        ctest --test-dir build-tsan --output-on-failure -j2 -R 'Concurrent|Thread'
+        ctest --test-dir build-tsan --output-on-failure -j2 -L concurrency
       ;;
     fuzz)
       if [ -x fuzz/run.sh ]; then fuzz/run.sh 30; else echo "no fuzz targets"; fi

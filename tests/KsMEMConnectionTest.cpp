@@ -1,85 +1,209 @@
+// The six operations of KsMEMConnection against the scripted transport: what each sends, what
+// it does to the caller's arguments, and what a failure of any transport call leaves behind.
 #include <gtest/gtest.h>
 
 #include "client/KsMEMConnection.h"
+#include "client/KsMemBinding.h"
 #include "tests/ScriptedTransport.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
 namespace st = ScriptedTransport;
+using List = std::vector<std::string>;
 
 namespace {
 
 const std::string kStatusBody = "KsMEM Status check";
-const std::string kStatusBlock =
-    "Log-Correlation-ID=KsMEMConnection.getStatus\r\n"
-    "Operation-Name=getStatus\r\n"
-    "Service-Name=KsMEMRequest\r\n"
-    "\r\n";
+const std::string kEvents("e1\0\xFF", 4);
+const std::string kNotRegistered = "-2 Client not Registered with Model Event Manager";
 
-class KsMEMConnectionTest : public ::testing::Test {
- protected:
-  void SetUp() override { st::reset(); }
+// What the caller holds around one operation.
+struct Arguments {
+  std::string events = "<e>\xC3\xA9&</e>";
+  List clients = {"x"};
+  std::string correlation = "job-9";
 };
 
-TEST_F(KsMEMConnectionTest, StatusIsZeroWhenTheServiceEchoesTheBody) {
-  KsMEMConnection connection;
-  st::scriptExchange(kStatusBody);
-
-  EXPECT_EQ(0, connection.getStatus());
-
-  using E = st::Entry;
-  EXPECT_EQ((std::vector<E>{E::Init, E::SendNoAck, E::SendEOF, E::Receive, E::SendNoAck, E::SendEOF,
-                            E::Receive, E::Receive, E::Receive, E::Complete}),
-            st::entries());
-  EXPECT_EQ((std::vector<std::string>{kStatusBlock, kStatusBody}), st::sentNoAck());
+// The header block of a connection registered as server S, client alice, locale en.
+std::string registeredBlock(const std::string& correlation, const std::string& operation) {
+  return "Client-ID=alice\r\nLocale=en\r\nLog-Correlation-ID=" + correlation +
+         "\r\nOperation-Name=" + operation + "\r\nServer-ID=S\r\nService-Name=KsMEMRequest\r\n\r\n";
 }
 
-TEST_F(KsMEMConnectionTest, StatusIsMinusTwoForAnyOtherReply) {
-  KsMEMConnection connection;
-  for (const std::string& reply : {std::string(), kStatusBody + "\r\n", std::string("ks")}) {
-    st::scriptExchange(reply);
-    EXPECT_EQ(-2, connection.getStatus()) << reply;
+const struct {
+  std::string name, block, body;
+} kOperations[] = {
+    {"getStatus",
+     "Locale=en\r\nLog-Correlation-ID=KsMEMConnection.getStatus\r\nOperation-Name=getStatus\r\n"
+     "Service-Name=KsMEMRequest\r\n\r\n",
+     kStatusBody},
+    {"registerClient", registeredBlock("KsMEMConnection.registerClient", "registerClient"),
+     "KsMEM register client"},
+    {"unregisterClient", registeredBlock("KsMEMConnection.unregisterClient", "unregisterClient"),
+     "KsMEM unregister client"},
+    {"getEvents", registeredBlock("job-9", "getEvents"), "Get Events Request"},
+    {"putEvents", registeredBlock("job-9", "putEvents"), Arguments().events},
+    {"getSharedClients", registeredBlock("KsMEMConnection.getSharedClients", "getSharedClients"),
+     "KsMEM getClients Operation"},
+};
+
+// Runs `operation` as (S, alice, en) with the caller's `a`; what it throws, or its result.
+std::string run(KsMEMConnection& connection, const std::string& operation, Arguments& a) {
+  std::string server = "S", client = "alice", locale = "en", status;
+  const std::string thrown = st::thrownBy([&] {
+    if (operation == "getStatus") status = std::to_string(connection.getStatus());
+    if (operation == "registerClient") connection.registerClient(server, client, locale, a.clients);
+    if (operation == "unregisterClient") connection.unregisterClient(a.clients);
+    if (operation == "getEvents") connection.getEvents(a.events, a.clients, a.correlation);
+    if (operation == "putEvents") connection.putEvents(a.events, a.clients, a.correlation);
+    if (operation == "getSharedClients") connection.getSharedClients(a.clients);
+  });
+  return thrown.empty() ? status : thrown;
+}
+
+// Replies for a successful run: the echo, or clients, after the events for getEvents.
+void scriptReplies(const std::string& operation) {
+  if (operation == "getStatus") return st::scriptExchange(kStatusBody);
+  if (operation == "getEvents") st::scriptExchange(kEvents);
+  st::scriptExchange(st::clientsReply({"bob"}));
+}
+
+// A connection registered as (S, alice, en) whose transport has not started: its registration
+// failed in KsMem_Init, which leaves it registered.
+void registerWithoutTransport(KsMEMConnection& connection) {
+  Arguments ignored;
+  st::reset();
+  st::script(st::Init, KSMEM_ERR_INIT_CONNECTION);
+  EXPECT_EQ(run(connection, "registerClient", ignored),
+            "KsMEMConnectionException 0 scripted failure");
+  st::reset();
+}
+
+// Whether getSharedClients gets past its registration check to the transport.
+bool isRegistered(KsMEMConnection& connection) {
+  Arguments ignored;
+  st::scriptExchange(st::clientsReply({}));
+  return run(connection, "getSharedClients", ignored).empty();
+}
+
+TEST(KsMEMConnectionTest, EachOperationSendsItsHeadersAndBodyAndFillsTheCallersArguments) {
+  for (const auto& operation : kOperations) {
+    KsMEMConnection connection;
+    registerWithoutTransport(connection);
+    scriptReplies(operation.name);
+    Arguments arguments;
+
+    EXPECT_EQ(run(connection, operation.name, arguments), operation.name == "getStatus" ? "0" : "");
+
+    List sent = {operation.block, operation.body};
+    if (operation.name == "getEvents")
+      sent.insert(sent.end(), {kOperations[5].block, kOperations[5].body});
+    EXPECT_EQ(List(st::texts()), sent);
+    const bool reads = operation.name != "getStatus", replaces = operation.name == "getEvents";
+    EXPECT_EQ(arguments.clients, replaces ? List({"bob"})
+                                 : reads  ? List({"x", "bob"})
+                                          : List({"x"}));
+    EXPECT_EQ(arguments.events, replaces ? kEvents : Arguments().events);
   }
 }
 
-TEST_F(KsMEMConnectionTest, TransportThatCannotStartIsTriedAgainAtTheNextOperation) {
-  KsMEMConnection connection;
-  st::script(st::Init, 1003);
+TEST(KsMEMConnectionTest, FailureOfAnyTransportCallReachesTheCallerAsDocumentedAndEndsTheExchange) {
+  for (const auto& operation : kOperations) {
+    for (size_t position = 0; position < (operation.name == "getEvents" ? 19u : 10u); ++position) {
+      SCOPED_TRACE(operation.name + ": call " + std::to_string(position) + " fails");
+      KsMEMConnection connection;
+      registerWithoutTransport(connection);
+      scriptReplies(operation.name);
+      st::setLastError("no");
+      st::failCall(position, KSMEM_ERR_UNKNOWN_CLIENT);
+      Arguments arguments;
 
-  try {
-    connection.getStatus();
-    FAIL() << "no exception";
-  } catch (const KsMEMConnectionException& e) {
-    EXPECT_EQ(-1, e.getType());
+      const std::string thrown = run(connection, operation.name, arguments);
+
+      // The end of a header block and KsMem_Complete are not examined.
+      if (position == 2 || position == 9 || position == 11 || position == 18) {
+        EXPECT_EQ(thrown, operation.name == "getStatus" ? "0" : "");
+        continue;
+      }
+      EXPECT_EQ(thrown, operation.name == "getStatus"
+                            ? "KsMEMConnectionException -1 KsMEM Connection failed"
+                        : operation.name == "unregisterClient" ? "Exception 0 no"
+                                                               : "KsMEMProtocolException 0 no");
+      EXPECT_EQ(st::entries().size(), position + 2);
+      EXPECT_EQ(st::entries().back(), st::GetLastError);
+      const bool secondExchange = position >= 10;
+      EXPECT_EQ(arguments.events, secondExchange ? kEvents : Arguments().events);
+      EXPECT_EQ(arguments.clients, secondExchange ? List() : Arguments().clients);
+      st::reset();
+      EXPECT_EQ(isRegistered(connection), operation.name != "unregisterClient");
+    }
   }
-  EXPECT_EQ(std::vector<st::Entry>({st::Init, st::GetLastError}), st::entries());
+}
 
+TEST(KsMEMConnectionTest, UnregisteredConnectionRefusesWithoutCallingTheTransport) {
+  KsMEMConnection connection;
+  Arguments arguments;
+  st::reset();
+  EXPECT_EQ(run(connection, "getEvents", arguments), "KsMEMProtocolException " + kNotRegistered);
+  EXPECT_EQ(run(connection, "putEvents", arguments), "KsMEMProtocolException " + kNotRegistered);
+  EXPECT_EQ(run(connection, "getSharedClients", arguments),
+            "KsMEMProtocolException* " + kNotRegistered);
+  EXPECT_EQ(arguments.events, Arguments().events);
+  EXPECT_EQ(arguments.clients, Arguments().clients);
+  EXPECT_TRUE(st::entries().empty());
+}
+
+TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregistered) {
+  KsMEMConnection connection;
+  List clients;
+  const auto registerAs = [&](std::string server, std::string client, std::string locale) {
+    st::reset();
+    st::scriptExchange(st::clientsReply({}));
+    connection.registerClient(server, client, locale, clients);
+  };
+  registerAs("S", "\xE9", "");
+  EXPECT_TRUE(isRegistered(connection));
+  EXPECT_EQ(st::texts()[0].find("Client-ID=\xEF\xBF\xBD\r\nLog"), 0u);  // UTF-8; no empty Locale
+  KsMEMConnection copy(connection);
+  registerAs("", "alice", "");
+  EXPECT_FALSE(isRegistered(connection));
+  EXPECT_TRUE(isRegistered(copy));
+
+  registerAs("S", "alice", "en");
+  st::scriptExchange("<SharedClientIDs><other/></SharedClientIDs>");
+  EXPECT_EQ(st::thrownBy([&] { connection.unregisterClient(clients); }),
+            "DomException Unexpected node name: other");
+  EXPECT_TRUE(isRegistered(connection));
+  st::scriptExchange(st::clientsReply({}));
+  connection.unregisterClient(clients);
+  EXPECT_FALSE(isRegistered(connection));
   st::reset();
   st::scriptExchange(kStatusBody);
-  EXPECT_EQ(0, connection.getStatus());
-  EXPECT_EQ(1, st::count(st::Init));
+  connection.getStatus();
+  EXPECT_EQ(st::texts()[0].find("Locale=en\r\n"), 0u);  // the locale stays
 }
 
-TEST_F(KsMEMConnectionTest, TransportStartsOncePerConnectionAndCopiesTakeTheFlagOver) {
-  auto checkStatus = [](KsMEMConnection& connection) {
-    st::scriptExchange(kStatusBody);
-    EXPECT_EQ(0, connection.getStatus());
-  };
+TEST(KsMEMConnectionTest, StatusIsMinusTwoForAnyReplyButAnEchoOfItsBody) {
+  KsMEMConnection connection;
+  for (const std::string& reply : {std::string(), kStatusBody + "\r\n"}) {
+    st::scriptExchange(reply);
+    EXPECT_EQ(connection.getStatus(), -2) << reply;
+  }
+}
+
+TEST(KsMEMConnectionTest,
+     TransportStartsOncePerConnectionAgainAfterAFailureAndCopiesTakeTheFlagOver) {
   {
     KsMEMConnection first;
-    checkStatus(first);
-    checkStatus(first);
-    KsMEMConnection copy(first);
-    checkStatus(copy);
-    KsMEMConnection assigned;
+    registerWithoutTransport(first);
+    EXPECT_TRUE(isRegistered(first));  // starts the transport
+    KsMEMConnection copy(first), assigned;
     assigned = first;
-    checkStatus(assigned);
+    EXPECT_TRUE(isRegistered(copy) && isRegistered(assigned));
   }
-  EXPECT_EQ(1, st::count(st::Init));
-
-  KsMEMConnection later;  // the transport was never ended, yet a new connection starts it
-  checkStatus(later);
-  EXPECT_EQ(2, st::count(st::Init));
-  EXPECT_EQ(0, st::count(st::Term));
+  KsMEMConnection later;
+  st::scriptExchange(kStatusBody);
+  later.getStatus();
+  EXPECT_EQ(st::count(st::Init), 2);
 }
 
 }  // namespace

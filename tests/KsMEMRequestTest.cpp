@@ -1,9 +1,11 @@
+// One exchange of KsMEMRequest with the scripted transport: what goes out, in which calls, and
+// how the statuses and deliveries that come back are taken.
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "client/Exception.h"
 #include "client/KsMEMRequest.h"
+#include "client/KsMemBinding.h"
 #include "tests/ScriptedTransport.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
@@ -11,246 +13,142 @@ namespace st = ScriptedTransport;
 
 namespace {
 
-class KsMEMRequestTest : public ::testing::Test {
- protected:
-  void SetUp() override { st::reset(); }
-
-  // A request with the three headers of a status check and `body` as its stream.
-  std::string exchangeStream(const std::string& body) {
-    std::istringstream stream(body);
-    KsMEMRequest request;
-    request.addHeader("Service-Name", "KsMEMRequest");
-    request.addHeader("Operation-Name", "getStatus");
-    request.addHeader("Log-Correlation-ID", "KsMEMConnection.getStatus");
-    request.setRequestStream(&stream);
-    return request.exchange();
-  }
-};
-
-const std::string kStatusBlock =
-    "Log-Correlation-ID=KsMEMConnection.getStatus\r\n"
-    "Operation-Name=getStatus\r\n"
-    "Service-Name=KsMEMRequest\r\n"
-    "\r\n";
-
-TEST_F(KsMEMRequestTest, StreamFormCallsTheTransportInOrder) {
-  st::scriptExchange("reply text");
-
-  EXPECT_EQ("reply text", exchangeStream("KsMEM Status check"));
-
-  using E = st::Entry;
-  EXPECT_EQ((std::vector<E>{E::SendNoAck, E::SendEOF, E::Receive, E::SendNoAck, E::SendEOF,
-                            E::Receive, E::Receive, E::Receive, E::Complete}),
-            st::entries());
-  EXPECT_EQ((std::vector<std::string>{kStatusBlock, "KsMEM Status check"}), st::sentNoAck());
+// The stream form with one header and `body`: the reply, or what was thrown.
+std::string exchange(const std::string& body) {
+  std::istringstream stream(body);
+  KsMEMRequest request;
+  request.addHeader("Operation-Name", "getStatus");
+  request.setRequestStream(&stream);
+  std::string reply;
+  const std::string thrown = st::thrownBy([&] { reply = request.exchange(); });
+  return thrown.empty() ? reply : thrown;
 }
 
-TEST_F(KsMEMRequestTest, TextFormSendsBlockAndBodyTogetherWithoutStatusDialogue) {
-  std::istringstream unread("never read");
+TEST(KsMEMRequestTest, HeaderBlockOrdersNamesAsBytesKeepsFirstValuesAndRendersExactlyNullEmpty) {
   KsMEMRequest request;
+  const char* headers[] = {"Server-ID", "null",     "Client-ID", "Null",  "Locale", "en",
+                           "Locale",    "de",       "\xE4x",     "after", "Ax",     "nullable",
+                           "A",         "a=b\r\nc", "Log",       ""};
+  for (size_t i = 0; i < std::size(headers); i += 2) request.addHeader(headers[i], headers[i + 1]);
+  EXPECT_EQ(request.buildHeaderText(),
+            "A=a=b\r\nc\r\nAx=nullable\r\nClient-ID=Null\r\nLocale=en\r\nLog=\r\nServer-ID=\r\n"
+            "\xE4x=after\r\n\r\n");
+  request.clearHeaders();
+  EXPECT_EQ(request.buildHeaderText(), "\r\n");
+}
+
+TEST(KsMEMRequestTest, StreamFormSendsTheBlockThenTheBodyInChunksOf4098BytesWhenAskedTo) {
+  for (size_t size : {0, 4098, 4099, 10000}) {
+    st::reset();
+    st::scriptExchange("reply");
+
+    EXPECT_EQ(exchange(std::string(size, 'a')), "reply");
+
+    std::string chunks;
+    for (const std::string& text : st::texts()) chunks += std::to_string(text.size()) + " ";
+    EXPECT_EQ(chunks, size == 0      ? "28 "
+                      : size == 4098 ? "28 4098 "
+                      : size == 4099 ? "28 4098 1 "
+                                     : "28 4098 4098 1804 ");
+  }
+}
+
+// Deliveries of 19 and 20 bytes, none and a zero byte: counts, once the reply is running.
+const std::string kReply = std::string(19, 'a') + std::string(20, 'b') + std::string("z\0z", 3);
+
+TEST(KsMEMRequestTest, StatusDecidesWhetherTheBodyGoesOutAndWhatComesNext) {
+  const struct {
+    std::vector<int32_t> statuses;
+    std::string outcome;
+    size_t texts;
+  } cases[] = {
+      {{KSMEM_STATUS_BODY_WANTED, KSMEM_STATUS_BODY_WANTED, KSMEM_STATUS_GO_ON}, kReply, 2},
+      {{KSMEM_STATUS_NO_MORE_TO_SEND}, kReply, 1},
+      {{KSMEM_STATUS_GO_ON}, kReply, 1},
+      {{7},
+       "KsMEMProtocolException 0 The transport answered the request with status 7, which is "
+       "neither 19 (send the body) nor 20 or 0 (reply).",
+       1},
+      {{KSMEM_END_OF_REPLY}, "KsMEMUnrecognisedException 0 scripted failure", 1},
+  };
+  for (const auto& c : cases) {
+    st::reset();
+    for (int32_t status : c.statuses) st::script(st::Receive, status);
+    for (const std::string& bytes :
+         {kReply.substr(0, 19), kReply.substr(19, 20), std::string(), kReply.substr(39)}) {
+      st::deliver(bytes);
+    }
+
+    EXPECT_EQ(exchange("body"), c.outcome);
+    EXPECT_EQ(st::texts().size(), c.texts) << c.outcome;
+    EXPECT_EQ(st::count(st::Complete), c.outcome == kReply ? 1 : 0) << c.outcome;
+  }
+}
+
+TEST(KsMEMRequestTest, ChunkAcceptedWithZeroEndsTheBody) {
+  st::reset();
+  st::script(st::SendNoAck, 1);  // the header block
+  st::script(st::SendNoAck, 0);
+  st::scriptExchange("");
+
+  exchange(std::string(9000, 'q'));
+
+  EXPECT_EQ(st::count(st::SendNoAck), 2);
+  EXPECT_EQ(st::count(st::SendEOF), 2);
+}
+
+TEST(KsMEMRequestTest, ReplyMayReach1GiBAndADeliveryMayFillTheBufferButNoMore) {
+  const int full = KSMEM_RECEIVE_BUFFER_SIZE, gib = (1 << 30) / full;
+  const std::string tooLarge = "The reply is too large: it exceeds 1073741824 bytes.",
+                    tooMuch =
+                        "The transport delivered 16385 bytes at once, more than its buffer "
+                        "of 16384 bytes holds.";
+  const struct {
+    int fullDeliveries;
+    int32_t last;
+    std::string outcome;
+  } cases[] = {{gib, 0, "1073741824 bytes"},
+               {gib, 1, "KsMEMRuntimeException 0 " + tooLarge},
+               {1, 0, "16384 bytes"},
+               {0, full + 1, "KsMEMProtocolException 0 " + tooMuch}};
+  for (const auto& c : cases) {
+    st::reset();
+    st::script(st::Receive, KSMEM_STATUS_NO_MORE_TO_SEND);
+    for (int i = 0; i < c.fullDeliveries; ++i) st::script(st::Receive, full);
+    if (c.last != 0) st::script(st::Receive, c.last);
+
+    const std::string reply = exchange("body");
+
+    EXPECT_EQ(reply.size() < 200 ? reply : std::to_string(reply.size()) + " bytes", c.outcome);
+  }
+}
+
+TEST(KsMEMRequestTest, TextFormSendsBlockAndBodyInOneTextAndLeavesTheStreamUnread) {
+  std::istringstream unread("never read");
+  KsMEMRequest request, empty;
   request.addHeader("Operation-Name", "getStatus");
   request.setRequestStream(&unread);
   request.setRequestBody("the body");
-  st::deliverReply("ok");
-
-  EXPECT_EQ("ok", request.exchange());
-
-  using E = st::Entry;
-  EXPECT_EQ((std::vector<E>{E::Send, E::SendEOF, E::Receive, E::Receive, E::Complete}),
-            st::entries());
-  EXPECT_EQ("Operation-Name=getStatus\r\n\r\nthe body", st::calls()[0].text);
-  EXPECT_EQ(0, unread.tellg());
-}
-
-TEST_F(KsMEMRequestTest, EmptyBodyTextKeepsTheStreamForm) {
-  std::istringstream stream("x");
-  KsMEMRequest request;
-  request.setRequestStream(&stream);
-  request.setRequestBody("");
-  st::scriptExchange("");
-
-  request.exchange();
-
-  EXPECT_EQ((std::vector<std::string>{"\r\n", "x"}), st::sentNoAck());
-}
-
-TEST_F(KsMEMRequestTest, HeaderBlockIsOrderedByBytesAndRendersNullEmpty) {
-  KsMEMRequest request;
-  request.addHeader("Server-ID", "null");
-  request.addHeader("Client-ID", "Null");
-  request.addHeader("Locale", "en");
-  request.addHeader("Locale", "de");  // a second value for a name is dropped
-  request.addHeader("Log-Correlation-ID", "");
-  request.addHeader("\xE4x", "after");
-  request.addHeader("Ax", "nullable");
-  request.addHeader("A", "a=b\r\nc");  // no escaping of any kind
-
-  EXPECT_EQ(
-      "A=a=b\r\nc\r\n"
-      "Ax=nullable\r\n"
-      "Client-ID=Null\r\n"
-      "Locale=en\r\n"
-      "Log-Correlation-ID=\r\n"
-      "Server-ID=\r\n"
-      "\xE4x=after\r\n"
-      "\r\n",
-      request.buildHeaderText());
-
-  request.clearHeaders();
-  EXPECT_EQ("\r\n", request.buildHeaderText());
-}
-
-TEST_F(KsMEMRequestTest, BodyGoesOutInChunksOf4098Bytes) {
-  for (size_t size : {4098u, 4099u, 10000u}) {
-    st::reset();
-    st::scriptExchange("");
-
-    exchangeStream(std::string(size, 'a'));
-
-    const auto sent = st::sentNoAck();
-    std::vector<size_t> chunks;
-    for (size_t i = 1; i < sent.size(); ++i) chunks.push_back(sent[i].size());
-    const std::vector<size_t> expected = size == 4098   ? std::vector<size_t>{4098}
-                                         : size == 4099 ? std::vector<size_t>{4098, 1}
-                                                        : std::vector<size_t>{4098, 4098, 1804};
-    EXPECT_EQ(expected, chunks) << size;
-  }
-}
-
-TEST_F(KsMEMRequestTest, EmptyBodySendsNoChunkButEndsTheBody) {
-  st::scriptExchange("");
-
-  exchangeStream("");
-
-  using E = st::Entry;
-  EXPECT_EQ((std::vector<E>{E::SendNoAck, E::SendEOF, E::Receive, E::SendEOF, E::Receive,
-                            E::Receive, E::Complete}),
-            st::entries());
-}
-
-TEST_F(KsMEMRequestTest, ChunkAcceptedWithZeroEndsTheBody) {
-  st::script(st::SendNoAck, 1);  // header block
-  st::script(st::SendNoAck, 0);  // first chunk: no more wanted
-  st::scriptExchange("");
-
-  exchangeStream(std::string(9000, 'q'));
-
-  EXPECT_EQ(2u, st::sentNoAck().size());
-  EXPECT_EQ(2, st::count(st::SendEOF));
-}
-
-TEST_F(KsMEMRequestTest, ZeroByteInBodyEndsWhatTheTransportSeesOfTheChunk) {
-  st::scriptExchange("");
-
-  exchangeStream(std::string("ab\0cd", 5));
-
-  EXPECT_EQ("ab", st::sentNoAck()[1]);
-}
-
-TEST_F(KsMEMRequestTest, StatusNineteenAgainSendsOnlyAnotherEndOfBody) {
-  st::script(st::Receive, 19);
-  st::script(st::Receive, 19);
-  st::script(st::Receive, 0);
-  st::deliverReply("r");
-
-  EXPECT_EQ("r", exchangeStream("body"));
-
-  EXPECT_EQ(2u, st::sentNoAck().size());
-  EXPECT_EQ(3, st::count(st::SendEOF));
-}
-
-TEST_F(KsMEMRequestTest, StatusTwentyOrZeroAtOnceSkipsTheBody) {
-  for (int32_t status : {20, 0}) {
-    st::reset();
-    st::script(st::Receive, status);
-    st::deliverReply("r");
-
-    EXPECT_EQ("r", exchangeStream("body"));
-    EXPECT_EQ(1u, st::sentNoAck().size()) << "status " << status;
-  }
-}
-
-TEST_F(KsMEMRequestTest, UnknownPositiveStatusFailsNamingItAndCallsNothingMore) {
-  st::script(st::Receive, 7);
-
-  try {
-    exchangeStream("body");
-    FAIL() << "no exception";
-  } catch (const KsMEMProtocolException& e) {
-    EXPECT_NE(std::string::npos, e.getMessage().find("status 7")) << e.getMessage();
-  }
-  using E = st::Entry;
-  EXPECT_EQ((std::vector<E>{E::SendNoAck, E::SendEOF, E::Receive}), st::entries());
-}
-
-TEST_F(KsMEMRequestTest, TextFormFailuresAreReported) {
-  KsMEMRequest request;
-  request.setRequestBody("b");
-  st::script(st::Send, -3009);
-  EXPECT_THROW(request.exchange(), KsMEMRuntimeException);
-
   st::reset();
-  st::script(st::SendEOF, -751);
-  EXPECT_THROW(request.exchange(), KsMEMProtocolException);
-  EXPECT_EQ(0, st::count(st::Receive));
+  st::deliver("ok");
+
+  EXPECT_EQ(request.exchange(), "ok");
+  EXPECT_EQ(st::texts(), std::vector<std::string>{"Operation-Name=getStatus\r\n\r\nthe body"});
+  EXPECT_EQ(st::count(st::Send) + st::count(st::SendEOF) + st::count(st::Complete), 3);
+  EXPECT_EQ(unread.tellg(), 0);
+  EXPECT_EQ(st::thrownBy([&] { empty.exchange(); }),
+            "KsMEMProtocolException 0 Failed to read the request stream.");
 }
 
-TEST_F(KsMEMRequestTest, RequestWithoutBodyOrStreamIsRefusedBeforeAnyCall) {
-  KsMEMRequest request;
-
-  try {
-    request.exchange();
-    FAIL() << "no exception";
-  } catch (const KsMEMProtocolException& e) {
-    EXPECT_EQ("Failed to read the request stream.", e.getMessage());
-    EXPECT_EQ(0, e.getType());
-  }
-  EXPECT_TRUE(st::calls().empty());
-}
-
-TEST_F(KsMEMRequestTest, ReplyIsGatheredWholeWithZeroBytesAndSmallCounts) {
-  st::script(st::Receive, 20);
-  st::deliver(std::string(19, 'a'));  // 19 and 20 are counts once the reply is running
-  st::deliver(std::string(20, 'b'));
-  st::deliver("");
-  st::deliver(std::string("z\0z", 3));
-  st::script(st::Receive, -1);
-
-  EXPECT_EQ(std::string(19, 'a') + std::string(20, 'b') + std::string("z\0z", 3),
-            exchangeStream("body"));
-}
-
-TEST_F(KsMEMRequestTest, DeliveryLargerThanTheBufferIsRefused) {
-  st::script(st::Receive, 20);
-  st::script(st::Receive, 16385);
-
-  EXPECT_THROW(exchangeStream("body"), KsMEMProtocolException);
-  EXPECT_EQ(0, st::count(st::Complete));
-}
-
-TEST_F(KsMEMRequestTest, ReplyBeyondOneGibibyteIsRefused) {
-  st::script(st::Receive, 20);
-  for (int i = 0; i < (1 << 30) / 16384; ++i) st::script(st::Receive, 16384);
-  st::script(st::Receive, 1);
-
-  try {
-    exchangeStream("body");
-    FAIL() << "no exception";
-  } catch (const KsMEMRuntimeException& e) {
-    EXPECT_EQ("The reply is too large: it exceeds 1073741824 bytes.", e.getMessage());
-  }
-  EXPECT_EQ(0, st::count(st::Complete));
-}
-
-TEST_F(KsMEMRequestTest, InitialiseFailsOnAnyNonZeroResultAndTerminateOnNegative) {
-  st::script(st::Init, 1001);
-  EXPECT_THROW(KsMEMRequest::initialise(), KsMEMConnectionException);
+TEST(KsMEMRequestTest, InitialiseFailsOnAnyResultButZeroAndTerminateOnNegativeOnly) {
+  st::reset();
   st::script(st::Init, 5);
-  EXPECT_THROW(KsMEMRequest::initialise(), KsMEMUnrecognisedException);
   st::script(st::Term, 3);
-  EXPECT_NO_THROW(KsMEMRequest::terminate());
-  st::script(st::Term, -3099);
-  EXPECT_THROW(KsMEMRequest::terminate(), KsMEMProtocolException);
+  st::script(st::Term, KSMEM_ERR_MALFORMED_REQUEST);
+  EXPECT_EQ(st::thrownBy(KsMEMRequest::initialise),
+            "KsMEMUnrecognisedException 0 scripted failure");
+  EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "");
+  EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "KsMEMProtocolException 0 scripted failure");
 }
 
 }  // namespace

@@ -1,20 +1,24 @@
+// SAXToNodeParser and the XMLNode tree it builds: what a document becomes, what a failure says,
+// and what the reader refuses to read or to build.
 #include <gtest/gtest.h>
 
-#include <string>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
 
-#include "tests/XercesFixture.h"
-#include "util/DomException.h"
+#include "client/KsMEMConnection.h"
+#include "tests/ScriptedTransport.h"
 #include "util/SAXToNodeParser.h"
-#include "util/XMLNode.h"
 
-using Kestrane::Net::KsModelEventManager::Util::DomException;
-using Kestrane::Net::KsModelEventManager::Util::SAXToNodeParser;
-using Kestrane::Net::KsModelEventManager::Util::XMLNode;
+using namespace Kestrane::Net::KsModelEventManager;
+using namespace Kestrane::Net::KsModelEventManager::Util;
 
 namespace {
 
-// A node and its subtree on one line: {URI}name, the attributes as key=value, the value in
-// quotes, each child in brackets. Checks on the way that every child points back to its parent.
+// A node and its subtree on one line: {URI}name, key=value per attribute, the value in quotes,
+// each child in brackets. Checks on the way that every child points back to its parent.
 std::string shape(const XMLNode& node) {
   std::string text = "{" + node.getNamespaceURI() + "}" + node.getName();
   for (const auto& [key, value] : node.getAttributes()) text += " " + key + "=" + value;
@@ -26,12 +30,23 @@ std::string shape(const XMLNode& node) {
   return text;
 }
 
-}  // namespace
+std::string nested(int depth) {
+  std::string open, close;
+  for (int i = 0; i < depth; ++i) open += "<e>", close += "</e>";
+  return open + close;
+}
 
-class SAXToNodeParserTest : public XercesFixture {
+class SAXToNodeParserTest : public ::testing::Test {
  protected:
   void TearDown() override { SAXToNodeParser::setReplaceSubstitutionChars(false); }
 
+  // What parsing `xml`, or the file at `path`, throws.
+  std::string failureOf(const std::string& xml, const std::string& path = "") {
+    return ScriptedTransport::thrownBy(
+        [&] { path.empty() ? parser.parseString(xml) : parser.parseFile(path); });
+  }
+
+  const Client::KsMEMConnection xmlLibrary;  // holds the XML library started
   SAXToNodeParser parser;
 };
 
@@ -39,55 +54,84 @@ TEST_F(SAXToNodeParserTest, TreeHoldsElementsByUriAndLocalNameAttributesByLocalN
   const struct {
     std::string xml, tree;
   } documents[] = {
-      {"<?xml version='1.0'?>\n<!-- c --><only/><?pi x?>\n", "{}only ''"},
-      // Prefixed or under a default namespace, the same nodes; declarations are no attributes.
-      {"<p:a xmlns:p='urn:x'><p:b/><c/></p:a>", "{urn:x}a '' [{urn:x}b ''] [{}c '']"},
-      {"<a xmlns='urn:x'><b/><c xmlns=''/></a>", "{urn:x}a '' [{urn:x}b ''] [{}c '']"},
-      {"<a xmlns:p='urn:1' xmlns:q='urn:2' p:k='1' q:k='2' plain='v &amp; w'/>",
-       "{}a k=2 plain=v & w ''"},
-      {"<a>x<b>y</b>z<b>w</b></a>", "{}a 'xz' [{}b 'y'] [{}b 'w']"},
-      {"<r>\n  <c/>\n</r>", "{}r '\n  \n' [{}c '']"},
-      {"<r><a>&amp;<![CDATA[<]]></a><b>x<!-- gap -->y&#65;&#x42;</b></r>",
-       "{}r '' [{}a '&<'] [{}b 'xyAB']"},
+      {"<?xml version='1.0'?>\n<!-- c --><p:a xmlns:p='urn:x'><p:b/><c/></p:a><?pi x?>",
+       "{urn:x}a '' [{urn:x}b ''] [{}c '']"},
+      {"<a xmlns='urn:x' xmlns:q='urn:2' k='1' q:k='2' z='v &amp; w'><c xmlns=''/></a>",
+       "{urn:x}a k=2 z=v & w '' [{}c '']"},
+      {"<r>x\n<b>y</b><![CDATA[<]]>z&#65;<!-- gap --><b/></r>", "{}r 'x\n<zA' [{}b 'y'] [{}b '']"},
       {"<!DOCTYPE r [<!ATTLIST r d CDATA 'dflt'><!ENTITY i 'in<e/>ternal'>]><r>&i;</r>",
        "{}r d=dflt 'internal' [{}e '']"},
-      // The reader warns of the second declaration and goes on with the first.
-      {"<!DOCTYPE r [<!ATTLIST r a CDATA 'x'><!ATTLIST r a CDATA 'y'>]><r>t</r>", "{}r a=x 't'"},
       {std::string("<a>x</a>\0<b>garbage", 19), "{}a 'x'"},
   };
-  for (const auto& document : documents) {
-    const XMLNode* root = parser.parseString(document.xml);
-    EXPECT_EQ(shape(*root), document.tree) << document.xml;
-    EXPECT_EQ(root->getParent(), nullptr);
-  }
-}
-
-TEST_F(SAXToNodeParserTest, SubstitutionCharIsReplacedInTextAndAttributeValuesOnlyWhenOn) {
-  const std::string xml = "<?xml version='1.1'?><r a='x&#x1A;y'>p&#x1A;q</r>";
-  const std::string kept = shape(*parser.parseString(xml));
-  SAXToNodeParser::setReplaceSubstitutionChars(true);
-  const std::string replaced = shape(*parser.parseString(xml));
-
-  EXPECT_EQ(kept, "{}r a=x\x1Ay 'p\x1Aq'");
-  EXPECT_EQ(replaced, "{}r a=x?y 'p?q'");
-}
-
-TEST_F(SAXToNodeParserTest, GetRootGivesAnEmptyNodeBeforeTheFirstParseAndTheLastTreeAfter) {
   EXPECT_EQ(shape(*parser.getRoot()), "{} ''");
-  parser.parseString("<first><c/></first>");
-  XMLNode* root = parser.parseString("<second/>");
-
-  EXPECT_EQ(root, parser.getRoot());
-  EXPECT_EQ(shape(*root), "{}second ''");
+  for (const auto& document : documents) {
+    EXPECT_EQ(shape(*parser.parseString(document.xml)), document.tree) << document.xml;
+    EXPECT_EQ(parser.getRoot()->getParent(), nullptr);
+  }
+  std::string siblings = "<r a=''>";
+  for (int i = 0; i < 300; ++i) siblings += "<e/>";
+  const XMLNode* root = parser.parseString(siblings + "</r>");
+  EXPECT_EQ(root->getChildren().size(), 300u);
+  EXPECT_TRUE(root->hasAttribute("a") && !root->hasAttribute("b") &&
+              root->getAttribute("b").empty());
+  EXPECT_EQ(failureOf("<a>t<b>u</b><c>v").substr(0, 34), "DomException Fatal Error: parsing:");
+  EXPECT_EQ(shape(*parser.getRoot()).substr(0, 23), "{}a 't' [{}b 'u'] [{}c ");  // partial
 }
 
-TEST_F(SAXToNodeParserTest, FailedParseLeavesThePartialTreeAndTheParserReusable) {
-  EXPECT_THROW(parser.parseString("<a>t<b>u</b><c>v"), DomException);
-  const std::string partial = shape(*parser.getRoot());
-  EXPECT_EQ(partial.substr(0, 23), "{}a 't' [{}b 'u'] [{}c ") << partial;  // c's text may be cut
-  EXPECT_THROW(parser.parseString(std::string("<a>x\0</a>", 9)), DomException);
-  EXPECT_THROW(parser.parseString("no markup"), DomException);
-  EXPECT_EQ(shape(*parser.getRoot()), "{} ''");  // failed before the first element
-
-  EXPECT_EQ(shape(*parser.parseString("<ok/>")), "{}ok ''");
+TEST_F(SAXToNodeParserTest, SubstitutionCharIsReplacedInTextAndAttributeValuesOnlyWhenSwitchedOn) {
+  const std::string xml = "<?xml version='1.1'?><r a='x&#x1A;y'>p&#x1A;q</r>";
+  EXPECT_EQ(shape(*parser.parseString(xml)), "{}r a=x\x1Ay 'p\x1Aq'");
+  SAXToNodeParser::setReplaceSubstitutionChars(true);
+  EXPECT_EQ(shape(*parser.parseString(xml)), "{}r a=x?y 'p?q'");
 }
+
+TEST_F(SAXToNodeParserTest, FailureSaysWhereAndWhyAndNothingOutsideTheDocumentIsRead) {
+  const std::string secret = ::testing::TempDir() + "ksmem_secret.txt";
+  std::ofstream(secret) << "SECRET";
+  const std::string missing = ::testing::TempDir() + "ksmem_no_such_reply.xml";
+  const std::string laughs =
+      "<!DOCTYPE r [<!ENTITY a 'aaaaaaaaaa'><!ENTITY b '&a;&a;&a;&a;&a;"
+      "&a;&a;&a;&a;&a;'><!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;'>"
+      "<!ENTITY d '&c;&c;&c;&c;&c;&c;&c;&c;&c;&c;'>]><r>&d;&d;</r>";
+  std::string elements;
+  for (int i = 0; i < 10000; ++i) elements += "<e/>";
+  const std::string kb100(100 * 1024, 'v'), tooLarge = "' would build a tree of more than ";
+  const struct {
+    std::string xml, path, message;
+  } documents[] = {
+      {"<a>\n<b></a>", "",
+       "Fatal Error: parsing: From-String: line 2, char 6\nMessage: expected end of tag 'b'\n"},
+      {"", missing, "XML Document '" + missing + "' does not exist.\n"},
+      {nested(SAXToNodeParser::kMaxDepth + 1), "",
+       "XML Document 'From String' nests elements deeper than 256 levels.\n"},
+      {"<!DOCTYPE r [<!ENTITY e SYSTEM 'file://" + secret + "'>]><r>&e;</r>", "",
+       "unable to open external entity"},
+      {"<!DOCTYPE r SYSTEM 'file://" + secret + "'><r/>", "", "unable to open DTD document"},
+      {laughs, "", "more than '1000' entity expansions"},
+      // 1 GiB of attribute defaults, or of namespace URIs, from 140 KiB.
+      {"<!DOCTYPE r [<!ATTLIST e d CDATA '" + kb100 + "'>]><r>" + elements + "</r>", "", tooLarge},
+      {"<r xmlns='urn:" + kb100 + "'>" + elements + "</r>", "", tooLarge},
+  };
+  for (const auto& document : documents) {
+    const auto start = std::chrono::steady_clock::now();
+    const std::string message = failureOf(document.xml, document.path);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_NE(message.find(document.message), std::string::npos) << message;
+    EXPECT_EQ((message + parser.getRoot()->getValue()).find("SECRET"), std::string::npos);
+  }
+  std::remove(secret.c_str());
+}
+
+TEST_F(SAXToNodeParserTest, PrintOutlinesTheElementNamesTwoBlanksDeeperPerLevel) {
+  std::ostringstream outline, deepest;
+  parser.parseString("<p:a xmlns:p='urn:x' k='v'>text<b><c>&lt;</c></b><d/></p:a>")
+      ->print(outline, "  ");
+  parser.parseString(nested(SAXToNodeParser::kMaxDepth))->print(deepest, "");
+
+  EXPECT_EQ(outline.str(),
+            "  <a>\n    <b>\n      <c>\n      </c>\n    </b>\n    <d>\n    </d>\n  </a>\n");
+  const std::string lines = deepest.str();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 2 * SAXToNodeParser::kMaxDepth);
+}
+
+}  // namespace

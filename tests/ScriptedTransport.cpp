@@ -1,118 +1,133 @@
 #include "tests/ScriptedTransport.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <deque>
-#include <map>
 
+#include "client/Exception.h"
 #include "client/KsMemBinding.h"
+#include "util/DomException.h"
 
 namespace ScriptedTransport {
 namespace {
 
 struct Result {
   int32_t value;
-  std::string bytes;  // copied into the buffer by KsMem_Receive
+  std::shared_ptr<const std::string> bytes;  // delivered whole, or as a reply in pieces
+  bool reply = false;
+  size_t delivered = 0;
 };
 
 struct State {
-  std::vector<Call> calls;
-  std::map<Entry, std::deque<Result>> scripts;
+  std::vector<Entry> calls;
+  std::vector<std::string> texts;
+  size_t sentBytes = 0;
+  std::deque<Result> scripts[GetLastError];
   std::string lastErrorText = "scripted failure";
   bool lastErrorIsNull = false;
   int32_t lastErrorResult = 0;
+  bool recording = true;
   size_t position = 0;  // of the next call, KsMem_GetLastError not counted
   size_t failPosition = SIZE_MAX;
   int32_t failCode = 0;
 };
 
-State& state() {
-  static State s;
-  return s;
-}
+State state;
 
-int32_t next(Entry entry, int32_t fallback, char* buffer = nullptr) {
-  auto& queue = state().scripts[entry];
-  if (state().position++ == state().failPosition) {
-    if (!queue.empty()) queue.pop_front();
-    return state().failCode;
-  }
+int32_t answer(Entry entry, int32_t fallback, const char* text = nullptr, char* buffer = nullptr) {
+  if (state.recording) state.calls.push_back(entry);
+  if (text != nullptr) state.sentBytes += std::strlen(text);
+  if (text != nullptr && state.recording) state.texts.push_back(text);
+  if (state.position++ == state.failPosition) return state.failCode;
+  std::deque<Result>& queue = state.scripts[entry];
   if (queue.empty()) return fallback;
-  Result result = std::move(queue.front());
-  queue.pop_front();
-  if (buffer != nullptr && !result.bytes.empty()) {
-    std::memcpy(buffer, result.bytes.data(), result.bytes.size());
+  Result next = queue.front();
+  if (next.bytes) {
+    const size_t left = next.bytes->size() - next.delivered;
+    next.value =
+        static_cast<int32_t>(next.reply ? std::min<size_t>(left, KSMEM_RECEIVE_BUFFER_SIZE) : left);
+    std::memcpy(buffer, next.bytes->data() + next.delivered, next.value);
+    queue.front().delivered += next.value;
+    if (next.reply && next.value > 0) return next.value;
+    if (next.reply) next.value = KSMEM_END_OF_REPLY;
   }
-  return result.value;
-}
-
-int32_t record(Entry entry, const char* text, int32_t fallback) {
-  state().calls.push_back({entry, text != nullptr ? std::string(text) : std::string()});
-  return next(entry, fallback);
+  queue.pop_front();
+  return next.value;
 }
 
 }  // namespace
 
-void reset() { state() = State(); }
+void reset() { state = State(); }
 
-void script(Entry entry, int32_t result) { state().scripts[entry].push_back({result, {}}); }
+void script(Entry entry, int32_t result) { state.scripts[entry].push_back({result, nullptr}); }
 
 void deliver(const std::string& bytes) {
-  state().scripts[Receive].push_back({static_cast<int32_t>(bytes.size()), bytes});
+  state.scripts[Receive].push_back({0, std::make_shared<const std::string>(bytes)});
 }
 
-void deliverReply(const std::string& reply) {
-  for (size_t at = 0; at < reply.size(); at += KSMEM_RECEIVE_BUFFER_SIZE) {
-    deliver(reply.substr(at, KSMEM_RECEIVE_BUFFER_SIZE));
-  }
-  script(Receive, -1);
+void scriptExchange(std::shared_ptr<const std::string> reply) {
+  script(Receive, KSMEM_STATUS_BODY_WANTED);
+  script(Receive, KSMEM_STATUS_NO_MORE_TO_SEND);
+  state.scripts[Receive].push_back({0, std::move(reply), true});
 }
 
-void scriptExchange(const std::string& reply) {
-  script(Receive, 19);
-  script(Receive, 20);
-  deliverReply(reply);
+void scriptExchange(std::string reply) {
+  scriptExchange(std::make_shared<const std::string>(std::move(reply)));
 }
 
 std::string clientsReply(const std::vector<std::string>& clients) {
   std::string reply = "<?xml version=\"1.0\"?><SharedClientIDs xmlns=\"urn:x\">";
-  for (const std::string& client : clients) {
+  for (const std::string& client : clients)
     reply += "<sharedClients>" + client + "</sharedClients>";
-  }
   return reply + "</SharedClientIDs>";
 }
 
 void failCall(size_t position, int32_t code) {
-  state().failPosition = position;
-  state().failCode = code;
+  state.failPosition = position;
+  state.failCode = code;
 }
 
 void setLastError(const char* text, int32_t result) {
-  state().lastErrorIsNull = text == nullptr;
-  state().lastErrorText = text != nullptr ? text : "";
-  state().lastErrorResult = result;
+  state.lastErrorIsNull = text == nullptr;
+  state.lastErrorText = text != nullptr ? text : "";
+  state.lastErrorResult = result;
 }
 
-const std::vector<Call>& calls() { return state().calls; }
+void record(bool on) { state.recording = on; }
 
-std::vector<Entry> entries() {
-  std::vector<Entry> result;
-  for (const Call& call : state().calls) result.push_back(call.entry);
-  return result;
-}
+const std::vector<Entry>& entries() { return state.calls; }
 
-std::vector<std::string> sentNoAck() {
-  std::vector<std::string> result;
-  for (const Call& call : state().calls) {
-    if (call.entry == SendNoAck) result.push_back(call.text);
+int count(Entry entry) { return std::count(state.calls.begin(), state.calls.end(), entry); }
+
+const std::vector<std::string>& texts() { return state.texts; }
+
+size_t sentBytes() { return state.sentBytes; }
+
+std::string thrownBy(const std::function<void()>& action) {
+  using namespace Kestrane::Net::KsModelEventManager;
+  const auto text = [](const char* name, const Client::Exception& e) {
+    return name + (" " + std::to_string(e.getType())) + " " + e.getMessage();
+  };
+  try {
+    action();
+  } catch (const Client::KsMEMConnectionException& e) {
+    return text("KsMEMConnectionException", e);
+  } catch (const Client::KsMEMProtocolException& e) {
+    return text("KsMEMProtocolException", e);
+  } catch (const Client::KsMEMRuntimeException& e) {
+    return text("KsMEMRuntimeException", e);
+  } catch (const Client::KsMEMUnrecognisedException& e) {
+    return text("KsMEMUnrecognisedException", e);
+  } catch (const Client::Exception& e) {
+    return text("Exception", e);
+  } catch (const Client::KsMEMProtocolException* e) {
+    const std::string thrown = text("KsMEMProtocolException*", *e);
+    delete e;
+    return thrown;
+  } catch (const Util::DomException& e) {
+    return "DomException " + e.getMessage();
   }
-  return result;
-}
-
-int count(Entry entry) {
-  const std::vector<Entry> called = entries();
-  return static_cast<int>(std::count(called.begin(), called.end(), entry));
+  return "";
 }
 
 }  // namespace ScriptedTransport
@@ -121,22 +136,18 @@ using namespace ScriptedTransport;
 
 extern "C" {
 
-int32_t KsMem_Init(KsMemAllocFunc, KsMemFreeFunc) { return record(Init, nullptr, 0); }
-int32_t KsMem_Term(void) { return record(Term, nullptr, 0); }
-int32_t KsMem_Send(const char* text) { return record(Send, text, 1); }
-int32_t KsMem_SendNoAck(const char* text) { return record(SendNoAck, text, 1); }
-int32_t KsMem_SendEOF(void) { return record(SendEOF, nullptr, 0); }
-int32_t KsMem_Complete(void) { return record(Complete, nullptr, 0); }
-
-int32_t KsMem_Receive(char* buffer) {
-  state().calls.push_back({Receive, {}});
-  return next(Receive, -1, buffer);
-}
+int32_t KsMem_Init(KsMemAllocFunc, KsMemFreeFunc) { return answer(Init, 0); }
+int32_t KsMem_Term(void) { return answer(Term, 0); }
+int32_t KsMem_Send(const char* text) { return answer(Send, 1, text); }
+int32_t KsMem_SendNoAck(const char* text) { return answer(SendNoAck, 1, text); }
+int32_t KsMem_SendEOF(void) { return answer(SendEOF, 0); }
+int32_t KsMem_Receive(char* buffer) { return answer(Receive, KSMEM_END_OF_REPLY, nullptr, buffer); }
+int32_t KsMem_Complete(void) { return answer(Complete, 0); }
 
 int32_t KsMem_GetLastError(const char** text) {
-  state().calls.push_back({GetLastError, {}});
-  *text = state().lastErrorIsNull ? nullptr : state().lastErrorText.c_str();
-  return state().lastErrorResult;
+  if (state.recording) state.calls.push_back(GetLastError);
+  *text = state.lastErrorIsNull ? nullptr : state.lastErrorText.c_str();
+  return state.lastErrorResult;
 }
 
 }  // extern "C"

@@ -1,14 +1,18 @@
-// A transport for tests: defines the eight KsMem_ entries, records every call with the text it
-// was given, and answers from a script. Linked into the unit tests in place of the stand-in.
+// ScriptedTransport defines the eight KsMem_ entries for programs that drive the client library
+// without a service: the unit tests, the install test's program and the transport benchmark
+// link it in place of the stand-in transport.
 //
-// Each entry answers with the next result scripted for it, or with its default when none is
-// left: 0 for KsMem_Init, KsMem_Term, KsMem_SendEOF and KsMem_Complete, 1 for KsMem_Send and
-// KsMem_SendNoAck, -1 (end of reply) for KsMem_Receive. KsMem_GetLastError hands out the text
-// and result set by setLastError (by default "scripted failure" and 0).
+// Each entry answers with the next result scripted for it, or else with its default: 0 for
+// KsMem_Init, KsMem_Term, KsMem_SendEOF and KsMem_Complete, 1 for KsMem_Send and
+// KsMem_SendNoAck, KSMEM_END_OF_REPLY for KsMem_Receive. KsMem_GetLastError hands out the text
+// and result of setLastError ("scripted failure" and 0 until set). Every call is recorded, with
+// the text it was given, unless recording is off. One thread at a time.
 #ifndef KSMEM_TESTS_SCRIPTEDTRANSPORT_H_
 #define KSMEM_TESTS_SCRIPTEDTRANSPORT_H_
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,39 +20,39 @@ namespace ScriptedTransport {
 
 enum Entry { Init, Term, Send, SendNoAck, SendEOF, Receive, Complete, GetLastError };
 
-struct Call {
-  Entry entry;
-  std::string text;  // what KsMem_Send or KsMem_SendNoAck was given, up to its zero byte
-};
-
-// Forgets every call and script, and restores the default last error.
+// Forgets every call and script, restores the default last error and records again.
 void reset();
 
-// The next call of `entry` returns `result`. For Receive, nothing is written to the buffer.
+// The next call of `entry` returns `result`; a KsMem_Receive leaves the buffer as it is.
 void script(Entry entry, int32_t result);
 // The next KsMem_Receive copies `bytes` into the buffer and returns their count.
 void deliver(const std::string& bytes);
-// A whole reply: deliveries of at most 16384 bytes, then -1.
-void deliverReply(const std::string& reply);
-// A stream-form exchange that wants the body (19), then replies with `reply` (20, deliveries).
-void scriptExchange(const std::string& reply);
-
-// The call at `position` (counting from 0 every call but KsMem_GetLastError) returns `code`
-// in place of what it would have returned; a KsMem_Receive then writes nothing.
-void failCall(size_t position, int32_t code);
-
-// A reply document that lists `clients`.
+// A stream-form exchange: status 19, then 20, then the reply in deliveries of at most 16384
+// bytes, then the end of the reply. The reply is shared, not copied, so that a benchmark can
+// script a large one for every exchange.
+void scriptExchange(std::shared_ptr<const std::string> reply);
+void scriptExchange(std::string reply);
+// The reply document of the service that lists `clients`.
 std::string clientsReply(const std::vector<std::string>& clients);
 
-// Text and result of KsMem_GetLastError; a null text hands out a null pointer.
+// The call at `position` (counting every call from 0, KsMem_GetLastError not included) returns
+// `code` and takes nothing from the script.
+void failCall(size_t position, int32_t code);
+// What KsMem_GetLastError hands out; a null text hands out a null pointer.
 void setLastError(const char* text, int32_t result = 0);
+// Off: calls are counted for failCall but not recorded, so that the transport costs no more per
+// call than any transport must: it measures each text, as a text comes without its length.
+void record(bool on);
 
-const std::vector<Call>& calls();
-// The entries called, in order, e.g. {SendNoAck, SendEOF, Receive, ...}.
-std::vector<Entry> entries();
-// The texts given to KsMem_SendNoAck, in order.
-std::vector<std::string> sentNoAck();
+const std::vector<Entry>& entries();
 int count(Entry entry);
+// The texts given to KsMem_Send and KsMem_SendNoAck, in order, and their bytes in all.
+const std::vector<std::string>& texts();
+size_t sentBytes();
+
+// What `action` throws, as a user would tell it apart: "" for nothing, else the class (a
+// pointer marked with "*", which is deleted), the type code and the message.
+std::string thrownBy(const std::function<void()>& action);
 
 }  // namespace ScriptedTransport
 

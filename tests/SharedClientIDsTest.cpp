@@ -1,126 +1,118 @@
+// SharedClientIDs and its base BaseObject: the XML written and read, lists that are only ever
+// appended to, and the reference count that copies carry and clones restart.
 #include <gtest/gtest.h>
 
-#include <set>
-#include <string>
-#include <vector>
+#include <memory>
 
+#include "client/KsMEMConnection.h"
 #include "schemas/_2009_06/base/Namespace.h"
 #include "schemas/_2009_06/base/SharedClientIDs.h"
-#include "tests/XercesFixture.h"
-#include "util/DomException.h"
+#include "tests/ScriptedTransport.h"
 #include "util/SAXToNodeParser.h"
-#include "util/XMLNode.h"
 #include "util/XmlStream.h"
 
 namespace Kestrane::Schemas::KsModelEventManager::_2009_06::Base {
 namespace {
 
-using Net::KsModelEventManager::Util::DomException;
-using Net::KsModelEventManager::Util::SAXToNodeParser;
+using Net::KsModelEventManager::Util::BaseObject;
 using Net::KsModelEventManager::Util::XmlStream;
 using List = std::vector<std::string>;
 
 const std::string kUri = kBaseNamespaceURI;
 
-List entriesOf(const SharedClientIDs& object) {
-  List entries;
-  object.getSharedClients(entries);
-  return entries;
-}
-
 SharedClientIDs objectWith(const List& entries) {
   SharedClientIDs object;
+  object.addSharedClientID("first");
   object.setSharedClients(entries);
   return object;
 }
 
-TEST(SharedClientIDsTest, OutputXMLDeclaresTheNamespaceOnTheFirstElementAndPrefixesEveryChild) {
-  XmlStream two, empty, colonTag, foreign;
-  objectWith({"alpha", "b<c"}).outputXML(two, "SharedClientIDs");
-  objectWith({"d"}).outputXML(two, "SharedClientIDs");
-  SharedClientIDs().outputXML(empty, "SharedClientIDs");
-  objectWith({"", "x"}).outputXML(colonTag, "my:list");
-  foreign << foreign.startTagOpen("urn:other", "root") << ">";
-  objectWith({"y"}).outputXML(foreign, "list");
-
-  EXPECT_EQ(two.str(), "\n<ns0:SharedClientIDs xmlns:ns0=\"" + kUri +
-                           "\">"
-                           "<ns0:sharedClients>alpha</ns0:sharedClients>"
-                           "<ns0:sharedClients>b&lt;c</ns0:sharedClients>"
-                           "</ns0:SharedClientIDs>"
-                           "\n<ns0:SharedClientIDs><ns0:sharedClients>d</ns0:sharedClients>"
-                           "</ns0:SharedClientIDs>");
-  EXPECT_EQ(empty.str(),
-            "\n<ns0:SharedClientIDs xmlns:ns0=\"" + kUri + "\"></ns0:SharedClientIDs>");
-  EXPECT_EQ(colonTag.str(), "\n<my:list xmlns:ns0=\"" + kUri +
-                                "\">"
-                                "<ns0:sharedClients></ns0:sharedClients>"
-                                "<ns0:sharedClients>x</ns0:sharedClients></my:list>");
-  EXPECT_EQ(foreign.str(), "\n<root>\n<list><sharedClients>y</sharedClients></list>");
+List entriesOf(const SharedClientIDs& object) {
+  List entries = {"kept"};
+  object.getSharedClients(entries);
+  return entries;
 }
 
-TEST(SharedClientIDsTest, EntriesAreAlwaysAppendedNeverReplaced) {
-  SharedClientIDs object;
-  object.addSharedClientID("a");
-  object.setSharedClients({"b", "a"});
-  List out = {"kept"};
-  object.getSharedClients(out);
-  std::set<std::string> namespaces = {kUri, "urn:x"};
-  object.getNamespaces(namespaces);
-
-  EXPECT_EQ(out, (List{"kept", "a", "b", "a"}));
-  EXPECT_EQ(namespaces, (std::set<std::string>{kUri, "urn:x"}));
-}
-
-class SharedClientIDsXmlTest : public XercesFixture {
- protected:
-  // Appends what `document` holds to `object`; the tree lives only for this call.
-  static void parseInto(SharedClientIDs& object, const std::string& document) {
-    SAXToNodeParser parser;
-    object.parse(*parser.parseString(document));
-  }
+class SharedClientIDsTest : public ::testing::Test {
+  const Net::KsModelEventManager::Client::KsMEMConnection
+      xmlLibrary;  // holds the XML library started
 };
 
-TEST_F(SharedClientIDsXmlTest, OutputXMLReadsBackThroughTheParserUnchanged) {
-  const List entries = {"\t\n\"%&'<>",     "", "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9D\x84\x9E",
-                        "&amp; &#10; ]]>", "", "plain"};
-  XmlStream xml;
-  objectWith(entries).outputXML(xml, "SharedClientIDs");
-  SharedClientIDs read;
-  parseInto(read, xml.str());
-  EXPECT_EQ(entriesOf(read), entries);
+TEST_F(SharedClientIDsTest, OutputXMLDeclaresTheNamespaceOnTheFirstElementAndPrefixesEveryChild) {
+  XmlStream two, colonTag, foreign;
+  objectWith({"b<c"}).outputXML(two, "SharedClientIDs");
+  SharedClientIDs().outputXML(two, "SharedClientIDs");
+  SharedClientIDs().outputXML(colonTag, "my:list");
+  foreign << foreign.startTagOpen("urn:other", "root") << foreign.startTagClose(true);
+  objectWith({}).outputXML(foreign, "list");
+
+  EXPECT_EQ(two.str(), "\n<ns0:SharedClientIDs xmlns:ns0=\"" + kUri +
+                           "\"><ns0:sharedClients>first</ns0:sharedClients><ns0:sharedClients>"
+                           "b&lt;c</ns0:sharedClients></ns0:SharedClientIDs>\n"
+                           "<ns0:SharedClientIDs></ns0:SharedClientIDs>");
+  EXPECT_EQ(colonTag.str(), "\n<my:list xmlns:ns0=\"" + kUri + "\"></my:list>");
+  EXPECT_EQ(foreign.str(), "\n<root/>\n<list><sharedClients>first</sharedClients></list>");
 }
 
-TEST_F(SharedClientIDsXmlTest, ParseAppendsSharedClientsChildrenUntilTheFirstOtherName) {
+TEST_F(SharedClientIDsTest, ParseAppendsEveryEntryUntilAChildOfAnotherName) {
+  const List entries = {"\t\n\"%&'<>", "", "caf\xC3\xA9 \xF0\x9D\x84\x9E", "&amp; ]]>"};
+  SharedClientIDs source;
+  source.setSharedClients(entries);
+  XmlStream written;
+  source.outputXML(written, "SharedClientIDs");
   const struct {
-    std::string document;
+    std::string reply;
     List entries;
     std::string failure;
-  } documents[] = {
-      {"<r xmlns:o=\"urn:other\"><sharedClients>a</sharedClients><sharedClients/>"
-       "<o:sharedClients>b</o:sharedClients></r>",
-       {"x", "a", "", "b"},
+  } replies[] = {
+      {written.str(), entriesOf(objectWith(entries)), ""},
+      {"<r xmlns:o='urn:o'><sharedClients>a</sharedClients><o:sharedClients/></r>",
+       {"kept", "first", "a", ""},
        ""},
-      {"<r/>", {"x"}, ""},
-      {"<r><sharedClients>a</sharedClients><SharedClients>b</SharedClients>"
-       "<sharedClients>c</sharedClients></r>",
-       {"x", "a"},
-       "Unexpected node name: SharedClients"},
-      {"<r><sharedClients>a</sharedClients><sharedClient>b</sharedClient></r>",
-       {"x", "a"},
-       "Unexpected node name: sharedClient"},
+      {"<r><sharedClients>a</sharedClients><SharedClients>b</SharedClients></r>",
+       {"kept", "first", "a"},
+       "DomException Unexpected node name: SharedClients"},
   };
-  for (const auto& document : documents) {
-    SharedClientIDs object = objectWith({"x"});
-    std::string failure;
-    try {
-      parseInto(object, document.document);
-    } catch (const DomException& e) {
-      failure = e.getMessage();
-    }
-    EXPECT_EQ(failure, document.failure) << document.document;
-    EXPECT_EQ(entriesOf(object), document.entries);
+  for (const auto& reply : replies) {
+    SharedClientIDs object = objectWith({});
+    Net::KsModelEventManager::Util::SAXToNodeParser parser;
+    EXPECT_EQ(ScriptedTransport::thrownBy([&] { object.parse(*parser.parseString(reply.reply)); }),
+              reply.failure);
+    EXPECT_EQ(entriesOf(object), reply.entries);
   }
+}
+
+// A schema object that notes its own end.
+struct Probe : SharedClientIDs {
+  explicit Probe(bool* deleted) : deleted(deleted) {}
+  ~Probe() override { *deleted = true; }
+  bool* deleted;
+};
+
+TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletes) {
+  bool deleted = false;
+  BaseObject* object = new Probe(&deleted);
+  object->unref();  // to -1
+  object->ref();
+  object->ref();
+  EXPECT_EQ(object->askRefCount(), 1);
+  EXPECT_FALSE(deleted);
+  object->unref();
+  EXPECT_TRUE(deleted);
+}
+
+TEST(BaseObjectTest, ClonesStartAtZeroWhileCopiesCarryTheCountAndMovesTakeTheList) {
+  SharedClientIDs source = objectWith({"a"}), moved = objectWith({}), assigned;
+  source.ref();
+  const std::unique_ptr<SharedClientIDs> clone(static_cast<SharedClientIDs*>(source.clone())),
+      copy(source.reallyClone());
+  assigned = std::move(moved);
+
+  EXPECT_EQ(clone->askRefCount(), 0);
+  EXPECT_EQ(copy->askRefCount(), 1);
+  EXPECT_EQ(entriesOf(*clone), (List{"kept", "first", "a"}));
+  EXPECT_EQ(entriesOf(moved), List{"kept"});
+  EXPECT_EQ(entriesOf(assigned), (List{"kept", "first"}));
 }
 
 }  // namespace

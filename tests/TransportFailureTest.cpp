@@ -1,6 +1,8 @@
+// throwTransportFailure: the class a result code selects, and the message that the transport's
+// last error text makes.
 #include <gtest/gtest.h>
 
-#include "client/Exception.h"
+#include "client/KsMemBinding.h"
 #include "client/TransportFailure.h"
 #include "tests/ScriptedTransport.h"
 
@@ -9,77 +11,49 @@ namespace st = ScriptedTransport;
 
 namespace {
 
-enum class Kind { Connection, Protocol, Runtime, Unrecognised };
-
-// Which class throwTransportFailure(code) throws, checking type code and message on the way.
-Kind kindOf(int32_t code) {
-  try {
-    throwTransportFailure(code);
-  } catch (const KsMEMConnectionException& e) {
-    EXPECT_EQ(0, e.getType());
-    return Kind::Connection;
-  } catch (const KsMEMProtocolException& e) {
-    EXPECT_EQ(0, e.getType());
-    return Kind::Protocol;
-  } catch (const KsMEMRuntimeException& e) {
-    EXPECT_EQ(0, e.getType());
-    return Kind::Runtime;
-  } catch (const KsMEMUnrecognisedException& e) {
-    EXPECT_EQ(0, e.getType());
-    return Kind::Unrecognised;
+TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTheMessage) {
+  st::reset();
+  st::setLastError("text");
+  const struct {
+    std::vector<int32_t> codes;
+    std::string thrown;
+  } classes[] = {
+      {{KSMEM_ERR_INIT_CONNECTION, KSMEM_ERR_CONNECTION_HIGHEST, KSMEM_ERR_CONNECTION_HIGHEST - 1,
+        KSMEM_ERR_CONNECTION_LOWEST + 1, KSMEM_ERR_CONNECTION_LOWEST,
+        KSMEM_ERR_SERVICE_UNREACHABLE},
+       "KsMEMConnectionException 0 text"},
+      {{KSMEM_ERR_INIT_PROTOCOL, KSMEM_ERR_UNKNOWN_CLIENT, KSMEM_ERR_UNKNOWN_OPERATION,
+        KSMEM_ERR_MALFORMED_REQUEST},
+       "KsMEMProtocolException 0 text"},
+      {{KSMEM_ERR_INIT_RUNTIME, KSMEM_ERR_SERVICE_REFUSED, KSMEM_ERR_TRANSPORT_FAULT,
+        KSMEM_ERR_OUT_OF_TURN},
+       "KsMEMRuntimeException 0 text"},
+      // The neighbours of those, and the results that are no failure codes.
+      {{KSMEM_ERR_INIT_RUNTIME + 1, KSMEM_ERR_UNKNOWN_CLIENT + 1, KSMEM_ERR_UNKNOWN_CLIENT - 1,
+        KSMEM_ERR_CONNECTION_HIGHEST + 1, KSMEM_ERR_CONNECTION_LOWEST - 1, KSMEM_ERR_NO_TEXT,
+        KSMEM_ERR_MALFORMED_REQUEST - 1, KSMEM_END_OF_REPLY, KSMEM_STATUS_GO_ON,
+        KSMEM_STATUS_BODY_WANTED},
+       "KsMEMUnrecognisedException 0 text"},
+  };
+  for (const auto& expected : classes) {
+    for (int32_t code : expected.codes)
+      EXPECT_EQ(st::thrownBy([=] { throwTransportFailure(code); }), expected.thrown) << code;
   }
-  ADD_FAILURE() << "nothing thrown for " << code;
-  return Kind::Unrecognised;
 }
 
-TEST(TransportFailureTest, CodeDecidesTheClass) {
-  st::reset();
-  for (int32_t code : {1001, -2996, -2997, -2998, -2999, -3001})
-    EXPECT_EQ(Kind::Connection, kindOf(code)) << code;
-  for (int32_t code : {1002, -751, -3017, -3099}) EXPECT_EQ(Kind::Protocol, kindOf(code)) << code;
-  for (int32_t code : {1003, -3009, -3010, -3016}) EXPECT_EQ(Kind::Runtime, kindOf(code)) << code;
-  for (int32_t code : {-1, -2, -750, -752, -2995, -3000, -3002, -3100, 0, 19, 1004})
-    EXPECT_EQ(Kind::Unrecognised, kindOf(code)) << code;
-}
-
-TEST(TransportFailureTest, MessageIsTheTransportsLastErrorText) {
-  st::reset();
-  st::setLastError("client 'bob' is not registered");
-
-  try {
-    throwTransportFailure(-751);
-  } catch (const KsMEMProtocolException& e) {
-    EXPECT_EQ("client 'bob' is not registered", e.getMessage());
+TEST(TransportFailureTest, LastErrorTextStandsInWithAFixedTextWhenTheTransportGivesNone) {
+  const struct {
+    const char* text;
+    int32_t result;
+    std::string message;
+  } answers[] = {{"text", 0, "text"},
+                 {nullptr, 0, "No error message received"},
+                 {nullptr, -1, "Could not retrieve last error message."},
+                 {"stale", 3, ""}};
+  for (const auto& answer : answers) {
+    st::setLastError(answer.text, answer.result);
+    EXPECT_EQ(getLastErrorText(), answer.message);
   }
-  EXPECT_EQ(std::vector<st::Entry>{st::GetLastError}, st::entries());
-}
-
-TEST(TransportFailureTest, LastErrorTextCoversAllFourAnswers) {
-  st::reset();
-  st::setLastError("text", 0);
-  EXPECT_EQ("text", getLastErrorText());
-  st::setLastError(nullptr, 0);
-  EXPECT_EQ("No error message received", getLastErrorText());
-  st::setLastError(nullptr, -1);
-  EXPECT_EQ("Could not retrieve last error message.", getLastErrorText());
-  st::setLastError("stale", 3);
-  EXPECT_EQ("", getLastErrorText());
-}
-
-TEST(ExceptionTest, TypeCodeDefaultsToZeroAndCopiesKeepCodeAndMessage) {
-  const KsMEMProtocolException plain("Client not Registered with Model Event Manager");
-  const KsMEMProtocolException coded(-2, "Client not Registered with Model Event Manager");
-  EXPECT_EQ(0, plain.getType());
-  EXPECT_EQ(-2, coded.getType());
-  EXPECT_EQ(plain.getMessage(), coded.getMessage());
-
-  const Exception sliced = coded;  // copying through the base keeps code and message
-  EXPECT_EQ(-2, sliced.getType());
-  EXPECT_EQ("Client not Registered with Model Event Manager", sliced.getMessage());
-
-  KsMEMRuntimeException empty;
-  EXPECT_EQ(0, empty.getType());
-  EXPECT_EQ("", empty.getMessage());
 }
 
 }  // namespace

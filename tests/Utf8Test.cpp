@@ -1,68 +1,52 @@
+// toUtf8 and fromUtf8 between the native code page, UTF-8 on the machines this is built for,
+// and UTF-8: passes of bounded size that keep characters whole, and failures that say where.
 #include <gtest/gtest.h>
 
-#include "client/Exception.h"
+#include "tests/ScriptedTransport.h"
 #include "util/Utf8.h"
 
-using namespace Kestrane::Net::KsModelEventManager;
-using Util::fromUtf8;
-using Util::toUtf8;
-
+namespace Kestrane::Net::KsModelEventManager::Util {
 namespace {
 
-// The platform's default encoding is UTF-8 on the machines this is built for, so text goes
-// through both converters unchanged and bad bytes become U+FFFD.
-class Utf8Test : public ::testing::Test {
- protected:
-  static std::string to(const std::string& s) {
-    return toUtf8(s.data(), static_cast<int32_t>(s.size()));
-  }
-  static std::string from(const std::string& s) {
-    return fromUtf8(s.data(), static_cast<int32_t>(s.size()));
-  }
-};
+namespace st = ScriptedTransport;
 
-TEST_F(Utf8Test, EmptyInputGivesEmptyOutput) {
-  EXPECT_EQ("", to(""));
-  EXPECT_EQ("", from(""));
+std::string to(const std::string& s) { return toUtf8(s.data(), static_cast<int32_t>(s.size())); }
+std::string from(const std::string& s) {
+  return fromUtf8(s.data(), static_cast<int32_t>(s.size()));
 }
 
-TEST_F(Utf8Test, OneBadByteExpandsToAReplacementCharacterThatComesOutWhole) {
-  // One byte of input sizes the output buffer to one byte; U+FFFD needs three.
-  EXPECT_EQ("\xEF\xBF\xBD", to("\xE9"));
-  EXPECT_EQ("a\xEF\xBF\xBDz", to("a\xE9z"));
-}
-
-TEST_F(Utf8Test, LongInputTakesSeveralPassesInOrder) {
-  // Three-byte characters, so that passes of 20480 units end inside a character.
-  for (size_t size : {20479u, 20480u, 20481u, 100000u}) {
-    std::string text;
-    while (text.size() + 4 <= size)
-      text +=
-          "\xE2\x82\xAC"
-          "a";
-    text.resize(size, 'x');
-    EXPECT_EQ(text, to(text)) << size;
-    EXPECT_EQ(text, from(text)) << size;
+TEST(Utf8Test, TextOfAnyLengthComesThroughWholeAcrossPassesOf20480Units) {
+  // 20479 units in front put the two units of U+1F600 into two passes; the euros put three
+  // bytes across the end of a pass.
+  std::string euros;
+  while (euros.size() < 100000)
+    euros +=
+        "\xE2\x82\xAC"
+        "a";
+  for (const std::string& text : {std::string(),
+                                  std::string(20479, 'a') + "\xF0\x9F\x98\x80"
+                                                            "b",
+                                  euros.substr(0, 20480), euros}) {
+    EXPECT_EQ(to(text), text);
+    EXPECT_EQ(from(text), text);
   }
+  EXPECT_EQ(to("\xE9") + to("a\xE9z"),
+            "\xEF\xBF\xBD"
+            "a\xEF\xBF\xBDz");  // U+FFFD, whole
+  EXPECT_EQ(to(std::string("ab\0cd", 5)), "ab");
 }
 
-TEST_F(Utf8Test, ZeroByteCutsThePieceThatHoldsIt) { EXPECT_EQ("ab", to(std::string("ab\0cd", 5))); }
-
-TEST_F(Utf8Test, FailedStepNamesTheConverterAndTheError) {
+TEST(Utf8Test, FailedStepNamesTheConverterAndTheErrorWhileWarningsPass) {
   UErrorCode status = U_ZERO_ERROR;
   UConverter* converter = ucnv_open("UTF-8", &status);
-  ASSERT_TRUE(U_SUCCESS(status));
-
-  try {
-    Util::checkConversionStatus(converter, U_INVALID_CHAR_FOUND, true);
-    FAIL() << "no exception";
-  } catch (const Client::Utf8ConversionException& e) {
-    EXPECT_EQ(0, e.getType());
-    EXPECT_EQ(0u, e.getMessage().find("An error occured converting UTF-8 (UTF-8, "));
-    EXPECT_NE(std::string::npos, e.getMessage().find(") to Unicode.\nU_INVALID_CHAR_FOUND\n"));
-  }
-  EXPECT_NO_THROW(Util::checkConversionStatus(converter, U_USING_DEFAULT_WARNING, false));
+  const std::string failed =
+      st::thrownBy([&] { checkConversionStatus(converter, U_INVALID_CHAR_FOUND, true); });
+  EXPECT_EQ(failed.find("Exception 0 An error occured converting UTF-8 (UTF-8, "), 0u);
+  EXPECT_NE(failed.find(") to Unicode.\nU_INVALID_CHAR_FOUND\n"), std::string::npos);
+  EXPECT_EQ(st::thrownBy([&] { checkConversionStatus(converter, U_USING_DEFAULT_WARNING, false); }),
+            "");
   ucnv_close(converter);
 }
 
 }  // namespace
+}  // namespace Kestrane::Net::KsModelEventManager::Util

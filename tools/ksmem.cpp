@@ -220,7 +220,7 @@ int listClients(const std::string& server) {
   }
   std::string reply;
   char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
-  while ((result = KsMem_Receive(buffer)) != -1) {
+  while ((result = KsMem_Receive(buffer)) != KSMEM_END_OF_REPLY) {
     if (result < 0) return failed(result);
     reply.append(buffer, static_cast<std::size_t>(result));
   }
