@@ -165,7 +165,7 @@ std::optional<std::string> exchange(const std::string& operation, const std::str
   if (KsMem_Send(request.c_str()) < 0 || KsMem_SendEOF() < 0) return std::nullopt;
   std::string reply;
   char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
-  for (int32_t count; (count = KsMem_Receive(buffer)) != -1;) {
+  for (int32_t count; (count = KsMem_Receive(buffer)) != KSMEM_END_OF_REPLY;) {
     if (count < 0) return std::nullopt;
     reply.append(buffer, static_cast<std::size_t>(count));
   }

@@ -88,7 +88,7 @@ std::string exchange(const std::string& operation, const std::string& server,
   }
   std::string reply;
   char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
-  for (int32_t count; (count = KsMem_Receive(buffer)) != -1;) {
+  for (int32_t count; (count = KsMem_Receive(buffer)) != KSMEM_END_OF_REPLY;) {
     if (count < 0) return "failed";
     reply.append(buffer, static_cast<std::size_t>(count));
   }
@@ -451,7 +451,8 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
   };
   for (const auto& value : refused) {
     EXPECT_EQ(initTwice(value.value),
-              "1001 1001 KSMEM_SERVICE is \"" + value.shown +
+              std::to_string(KSMEM_ERR_INIT_CONNECTION) + " " +
+                  std::to_string(KSMEM_ERR_INIT_CONNECTION) + " KSMEM_SERVICE is \"" + value.shown +
                   "\", which names no service: " + value.reason +
                   ". Accepted forms: unset, empty or \"embedded\" for the service inside this "
                   "process; \"redis://[USER:PASSWORD@]HOST[:PORT][/DB]\" (port 6379 unless given) "
