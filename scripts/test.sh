@@ -11,11 +11,12 @@ scripts/install-deps.sh
 passes=("$@")
 [ ${#passes[@]} -gt 0 ] || passes=(plain asan tsan fuzz)
 
-# build DIR [CMAKE_ARGS...]: configures and builds everything in DIR.
+# build DIR [CMAKE_ARGS...]: configures and builds everything in DIR, with debug information for
+# the sanitizers' reports.
 build() {
   local dir=$1
   shift
-  cmake -S . -B "$dir" -G Ninja -DBUILD_TESTING=ON "$@" >/dev/null
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON "$@" >/dev/null
   cmake --build "$dir" -j2
 }
 
