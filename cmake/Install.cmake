@@ -1,5 +1,4 @@
-# Install rules, the CMake package, the pkg-config file, the manual page of ksmem and the Debian
-# package.
+# Install rules, the CMake package, the pkg-config file and the manual page of ksmem.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -62,15 +61,3 @@ install(CODE "
   endif()
   file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\" TYPE FILE
        FILES \"${PROJECT_BINARY_DIR}/pkgconfig/\${variant}/ksmemcppbinding.pc\")")
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME ksmemcppbinding)
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "C++ client library for the Model Event Manager service")
-set(CPACK_PACKAGE_CONTACT "KsMemCppBinding developers <ksmemcppbinding@localhost>")
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
-# Run-time libraries from the binaries; the -dev packages because the CMake package looks up
-# Xerces-C and ICU when an application calls find_package.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libxerces-c-dev (>= 3.2), libicu-dev, pkg-config")
-include(CPack)
