@@ -33,17 +33,4 @@ if grep -q ' KsMem_' <<<"$defined"; then
   echo "the client library defines transport entries:"; grep ' KsMem_' <<<"$defined"; exit 1
 fi
 
-for example in "$source"/examples/*/; do
-  name=$(basename "$example")
-  cmake -S "$example" -B "$work/$name" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-  cmake --build "$work/$name" >/dev/null
-  "$work/$name/$name" >/dev/null
-
-  modules=ksmemcppbinding
-  grep -q xercesc "$example/$name.cpp" && modules="$modules xerces-c"
-  flags=$(PKG_CONFIG_PATH=$lib/pkgconfig pkg-config --cflags --libs $modules)
-  # shellcheck disable=SC2086
-  g++ -std=c++17 "$example/$name.cpp" $flags -o "$work/$name-pc"
-  LD_LIBRARY_PATH=$lib "$work/$name-pc" >/dev/null
-  echo "$name: built through find_package and pkg-config, ran"
-done
+"$source/tests/install/build_examples.sh" "$source/examples" "$work" "$prefix" "$lib"

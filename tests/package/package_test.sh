@@ -86,8 +86,8 @@ for package in "${runtime[@]}"; do
   cp "$dir/${package}_"*.deb "$root/tmp/debs/$package.deb"
   debs+=("/tmp/debs/$package.deb")
 done
-# Without recommended packages: apt itself recommends ca-certificates, which a library of Xerces-C
-# recommends too, so with them ca-certificates would stay behind as apt's, not as ours.
+# Without recommended packages: apt itself recommends ca-certificates, so the one that libcurl
+# (through Xerces-C) recommends would stay behind after the removal, as apt's.
 apt_in_root install --no-install-recommends "${debs[@]}" || { cat "$work/apt.log"; exit 1; }
 packages >"$work/packages-installed"
 awk 'NR == FNR { before[$2] = 1; next } !($2 in before) { n++; kib += $3 }
@@ -108,22 +108,12 @@ echo "removed with what they pulled in: no package and no file left"
 
 echo "--- build the examples in the clean root"
 cp "$dir"/libksmemcppbinding-dev_*.deb "$root/tmp/debs/libksmemcppbinding-dev.deb"
-cp -r examples "$root/tmp/examples"
+cp -r examples tests/install/build_examples.sh "$root/tmp/"
 apt_in_root install --no-install-recommends /tmp/debs/libksmemcppbinding1.deb \
-  /tmp/debs/libksmembinding1.deb /tmp/debs/libksmemcppbinding-dev.deb g++ cmake make pkg-config ||
-  { cat "$work/apt.log"; exit 1; }
+  /tmp/debs/libksmembinding1.deb /tmp/debs/libksmemcppbinding-dev.deb \
+  g++ cmake ninja-build pkg-config || { cat "$work/apt.log"; exit 1; }
 libs=$(in_root pkg-config --libs ksmemcppbinding)
 if [ "$libs" != "-lKsMemCppBinding -lKsMemBinding " ]; then
   echo "pkg-config --libs ksmemcppbinding gives '$libs'"; exit 1
 fi
-# shellcheck disable=SC2016
-in_root bash -c 'set -e; cd /tmp/examples
-  for name in *; do
-    cmake -S "$name" -B "/tmp/build/$name" >/dev/null && cmake --build "/tmp/build/$name" >/dev/null
-    "/tmp/build/$name/$name" >/dev/null
-    modules=ksmemcppbinding
-    if grep -q xercesc "$name/$name.cpp"; then modules="$modules xerces-c"; fi
-    g++ -std=c++17 "$name/$name.cpp" $(pkg-config --cflags --libs $modules) -o "/tmp/build/$name-pc"
-    "/tmp/build/$name-pc" >/dev/null
-    echo "$name: built through find_package and pkg-config, ran"
-  done'
+in_root /tmp/build_examples.sh /tmp/examples /tmp/build
