@@ -34,8 +34,9 @@ for package in "${runtime[@]}"; do dpkg-deb -x "$dir/${package}_"*.deb "$work/un
 help=$(LD_LIBRARY_PATH=$work/unpacked/usr/lib/$multiarch "$work/unpacked/usr/bin/ksmem" --help)
 page=$(MANWIDTH=1000 man --no-hyphenation --no-justification \
          -l "$work/unpacked/usr/share/man/man1/ksmem.1.gz" 2>/dev/null)
-# The first word of each indented line of the help (commands, service forms) and each option.
-for word in $(sed -n 's/^  \([^ ]*\).*/\1/p' <<<"$help") $(grep -o -- '--[a-z]*' <<<"$help"); do
+# The first word of each line of the list of commands, and each option.
+for word in $(sed -n '/^commands:/,/^$/ s/^  \([^ ]*\).*/\1/p' <<<"$help") \
+            $(grep -o -- '--[a-z]*' <<<"$help"); do
   if ! grep -qF -- "$word" <<<"$page"; then
     echo "the manual page does not mention $word, which ksmem --help names"
     exit 1
