@@ -1,4 +1,4 @@
-# Install rules, the CMake package, the pkg-config file and the Debian package.
+# Install rules, the CMake package, the pkg-config file and the manual page of ksmem.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -23,11 +23,15 @@ endforeach()
 install(TARGETS KsMemCppBinding KsMemBinding EXPORT KsMemCppBindingTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${KSMEM_INSTALL_INCLUDEDIR})
-# The client library finds the transport library beside it (LD_LIBRARY_PATH still wins, so
-# another transport of the same name can take its place).
-set_target_properties(KsMemCppBinding PROPERTIES INSTALL_RPATH "$ORIGIN")
-set_target_properties(ksmem PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+# Outside the system library folders, the client library finds the transport library beside it
+# (LD_LIBRARY_PATH still wins, so another transport of the same name can take its place); in
+# them the dynamic linker finds both without a search path of their own.
+if(NOT CMAKE_INSTALL_FULL_LIBDIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+  set_target_properties(KsMemCppBinding PROPERTIES INSTALL_RPATH "$ORIGIN")
+  set_target_properties(ksmem PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+endif()
 install(TARGETS ksmem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES tools/ksmem.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 install(EXPORT KsMemCppBindingTargets
   NAMESPACE KsMemCppBinding::
@@ -42,20 +46,18 @@ install(FILES
   ${PROJECT_BINARY_DIR}/KsMemCppBindingConfigVersion.cmake
   DESTINATION ${KSMEM_INSTALL_CMAKEDIR})
 
-# The prefix is found relative to the .pc file, so the same file serves any install prefix.
+# Installed to /usr, the pkg-config file names /usr itself, so that pkg-config leaves the system
+# folders out of its flags; anywhere else it finds the prefix relative to its own place, so that
+# the installed tree may move. Which of the two is known only when installing.
 file(RELATIVE_PATH KSMEM_PC_TO_PREFIX "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
-configure_file(cmake/ksmemcppbinding.pc.in ${PROJECT_BINARY_DIR}/ksmemcppbinding.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/ksmemcppbinding.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME ksmemcppbinding)
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "C++ client library for the Model Event Manager service")
-set(CPACK_PACKAGE_CONTACT "KsMemCppBinding developers <ksmemcppbinding@localhost>")
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
-# Run-time libraries from the binaries; the -dev packages because the CMake package looks up
-# Xerces-C and ICU when an application calls find_package.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libxerces-c-dev (>= 3.2), libicu-dev, pkg-config")
-include(CPack)
+set(KSMEM_PC_PREFIX "\${pcfiledir}/${KSMEM_PC_TO_PREFIX}")
+configure_file(cmake/ksmemcppbinding.pc.in pkgconfig/relocatable/ksmemcppbinding.pc @ONLY)
+set(KSMEM_PC_PREFIX /usr)
+configure_file(cmake/ksmemcppbinding.pc.in pkgconfig/usr/ksmemcppbinding.pc @ONLY)
+install(CODE "
+  set(variant relocatable)
+  if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+    set(variant usr)
+  endif()
+  file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\" TYPE FILE
+       FILES \"${PROJECT_BINARY_DIR}/pkgconfig/\${variant}/ksmemcppbinding.pc\")")

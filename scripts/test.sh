@@ -1,21 +1,22 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the whole suite plainly, again under AddressSanitizer and
-# UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, and each fuzz target
-# for a short smoke run.
+# UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, each fuzz target for a
+# short smoke run, and the Debian packages through lintian and a clean Debian 12 root.
 #
-# usage: scripts/test.sh [plain|asan|tsan|fuzz]...   (default: all four passes)
+# usage: scripts/test.sh [plain|asan|tsan|fuzz|package]...   (default: all five passes)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 passes=("$@")
-[ ${#passes[@]} -gt 0 ] || passes=(plain asan tsan fuzz)
+[ ${#passes[@]} -gt 0 ] || passes=(plain asan tsan fuzz package)
 
-# build DIR [CMAKE_ARGS...]: configures and builds everything in DIR.
+# build DIR [CMAKE_ARGS...]: configures and builds everything in DIR, with debug information for
+# the sanitizers' reports.
 build() {
   local dir=$1
   shift
-  cmake -S . -B "$dir" -G Ninja -DBUILD_TESTING=ON "$@" >/dev/null
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON "$@" >/dev/null
   cmake --build "$dir" -j2
 }
 
@@ -41,6 +42,10 @@ for pass in "${passes[@]}"; do
       ;;
     fuzz)
       if [ -x fuzz/run.sh ]; then fuzz/run.sh 30; else echo "no fuzz targets"; fi
+      ;;
+    package)
+      scripts/package.sh
+      tests/package/package_test.sh build-deb
       ;;
     *)
       echo "unknown pass: $pass" >&2

@@ -44,17 +44,4 @@ g++ -std=c++17 $(pkg-config --cflags ksmemcppbinding) -I"$source" -o "$work/expo
 LD_LIBRARY_PATH=$lib "$work/exported_surface"
 echo "exported_surface: its own transport, the library's exception members and DomException"
 
-for example in "$source"/examples/*/; do
-  name=$(basename "$example")
-  cmake -S "$example" -B "$work/$name" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-  cmake --build "$work/$name" >/dev/null
-  "$work/$name/$name" >/dev/null
-
-  modules=ksmemcppbinding
-  grep -q xercesc "$example/$name.cpp" && modules="$modules xerces-c"
-  flags=$(pkg-config --cflags --libs $modules)
-  # shellcheck disable=SC2086
-  g++ -std=c++17 "$example/$name.cpp" $flags -o "$work/$name-pc"
-  LD_LIBRARY_PATH=$lib "$work/$name-pc" >/dev/null
-  echo "$name: built through find_package and pkg-config, ran"
-done
+"$source/tests/install/build_examples.sh" "$source/examples" "$work" "$prefix" "$lib"

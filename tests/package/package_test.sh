@@ -1,0 +1,120 @@
+#!/usr/bin/env bash
+# Checks the Debian packages that scripts/package.sh wrote to DIR: lintian reports no error and
+# no warning; the manual page of ksmem covers every command and option of `ksmem --help`; and in
+# a clean Debian 12 root (debootstrap minbase, from the mirror that this machine's apt uses) the
+# runtime and tool packages install, `ksmem demo` runs, and removing them leaves nothing behind;
+# then the development package installs with a compiler, and the examples build through
+# find_package and through pkg-config and run. When the mirror cannot be reached, the steps in
+# the clean root are skipped with a message saying so.
+# usage: package_test.sh DIR
+set -euo pipefail
+dir=$(realpath "$1")
+cd "$(dirname "$0")/../.."
+scripts/install-deps.sh lintian debootstrap
+runtime=(libksmemcppbinding1 libksmembinding1 ksmem)
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+work=$(mktemp -d)
+root=$dir/root
+cleanup() {
+  if [ -d "$root" ]; then
+    awk -v r="$root/" 'index($2, r) == 1 { print $2 }' /proc/mounts | sort -r | xargs -r umount
+    rm -rf --one-file-system "$root"
+  fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+echo "--- lintian"
+{ lintian --fail-on error,warning --display-info "$dir"/*.deb 2>&1; } |
+  sed '/running with root privileges/d'
+echo "no errors, no warnings"
+
+echo "--- manual page of ksmem"
+for package in "${runtime[@]}"; do dpkg-deb -x "$dir/${package}_"*.deb "$work/unpacked"; done
+help=$(LD_LIBRARY_PATH=$work/unpacked/usr/lib/$multiarch "$work/unpacked/usr/bin/ksmem" --help)
+page=$(MANWIDTH=1000 man --no-hyphenation --no-justification \
+         -l "$work/unpacked/usr/share/man/man1/ksmem.1.gz" 2>/dev/null)
+# The first word of each line of the list of commands, and each option.
+for word in $(sed -n '/^commands:/,/^$/ s/^  \([^ ]*\).*/\1/p' <<<"$help") \
+            $(grep -o -- '--[a-z]*' <<<"$help"); do
+  if ! grep -qF -- "$word" <<<"$page"; then
+    echo "the manual page does not mention $word, which ksmem --help names"
+    exit 1
+  fi
+done
+echo "names every command and option of ksmem --help"
+
+echo "--- install into a clean Debian 12 root"
+# The mirror of Debian 12 that this machine's apt uses.
+mirror=$( { cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null || true; } |
+          sed 's/\[[^]]*\]//' | awk '$1 == "deb" && $3 == "bookworm" { print $2 }')
+mirror=${mirror:-$( { cat /etc/apt/sources.list.d/*.sources 2>/dev/null || true; } |
+  awk 'BEGIN { RS = ""; FS = "\n" }
+       { uri = ""; deb = 0; bookworm = 0; off = 0
+         for (i = 1; i <= NF; i++) {
+           if ($i ~ /^URIs:/) { split($i, f, " "); uri = f[2] }
+           if ($i ~ /^Types:/ && $i ~ /[: ]deb( |$)/) deb = 1
+           if ($i ~ /^Suites:/ && $i ~ /[: ]bookworm( |$)/) bookworm = 1
+           if ($i ~ /^Enabled: *no/) off = 1 }
+         if (uri != "" && deb && bookworm && !off) print uri }')}
+mirror=$(head -n1 <<<"${mirror:-http://deb.debian.org/debian}")
+mirror=${mirror%/}
+if ! wget -q --spider --tries=1 --timeout=20 "$mirror/dists/bookworm/Release"; then
+  echo "skipped: the Debian mirror $mirror (from this machine's apt sources) cannot be reached"
+  exit 0
+fi
+started=$SECONDS
+debootstrap --variant=minbase bookworm "$root" "$mirror" >"$work/debootstrap.log" 2>&1 ||
+  { tail -n 20 "$work/debootstrap.log"; exit 1; }
+echo "debootstrap --variant=minbase bookworm from $mirror: $((SECONDS - started)) s"
+
+in_root() { chroot "$root" env DEBIAN_FRONTEND=noninteractive "$@"; }
+apt_in_root() { in_root apt-get -o Dpkg::Use-Pty=0 -y -q "$@" >>"$work/apt.log" 2>&1; }
+# shellcheck disable=SC2016
+packages() { in_root dpkg-query -W -f '${db:Status-Abbrev} ${Package} ${Installed-Size}\n'; }
+# Every path but those that apt, dpkg and the kernel keep changing.
+files() {
+  (cd "$root" && find . -xdev \( -path ./proc -o -path ./sys -o -path ./dev -o -path ./run \
+     -o -path ./tmp -o -path ./var/log -o -path ./var/cache -o -path ./var/lib/apt \
+     -o -path ./var/lib/dpkg \) -prune -o -print | sort)
+}
+packages >"$work/packages-before"
+files >"$work/files-before"
+
+mkdir "$root/tmp/debs"
+debs=()
+for package in "${runtime[@]}"; do
+  cp "$dir/${package}_"*.deb "$root/tmp/debs/$package.deb"
+  debs+=("/tmp/debs/$package.deb")
+done
+# Without recommended packages: apt itself recommends ca-certificates, so the one that libcurl
+# (through Xerces-C) recommends would stay behind after the removal, as apt's.
+apt_in_root install --no-install-recommends "${debs[@]}" || { cat "$work/apt.log"; exit 1; }
+packages >"$work/packages-installed"
+awk 'NR == FNR { before[$2] = 1; next } !($2 in before) { n++; kib += $3 }
+     END { printf "installed %d packages, %.1f MB, with what they depend on\n", n, kib / 1024 }' \
+  "$work/packages-before" "$work/packages-installed"
+
+if ! in_root ksmem demo >"$work/demo.log" 2>&1 || ! grep -q 'bob unregisters' "$work/demo.log"; then
+  echo "ksmem demo failed in the clean root:"; cat "$work/demo.log"; exit 1
+fi
+echo "ksmem demo ran: $(tail -n1 "$work/demo.log" | sed 's/^ *//')"
+
+apt_in_root purge --autoremove "${runtime[@]}" || { cat "$work/apt.log"; exit 1; }
+if ! diff "$work/packages-before" <(packages) || ! diff "$work/files-before" <(files); then
+  echo "removing the packages left the above behind"
+  exit 1
+fi
+echo "removed with what they pulled in: no package and no file left"
+
+echo "--- build the examples in the clean root"
+cp "$dir"/libksmemcppbinding-dev_*.deb "$root/tmp/debs/libksmemcppbinding-dev.deb"
+cp -r examples tests/install/build_examples.sh "$root/tmp/"
+apt_in_root install --no-install-recommends /tmp/debs/libksmemcppbinding1.deb \
+  /tmp/debs/libksmembinding1.deb /tmp/debs/libksmemcppbinding-dev.deb \
+  g++ cmake ninja-build pkg-config || { cat "$work/apt.log"; exit 1; }
+libs=$(in_root pkg-config --libs ksmemcppbinding)
+if [ "$libs" != "-lKsMemCppBinding -lKsMemBinding " ]; then
+  echo "pkg-config --libs ksmemcppbinding gives '$libs'"; exit 1
+fi
+in_root /tmp/build_examples.sh /tmp/examples /tmp/build
