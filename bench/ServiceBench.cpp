@@ -9,7 +9,8 @@
 //   memory_per_event    what Redis holds per posted event of 1000 bytes that no client has
 //                       fetched yet, over the event's size, at 2, 100 and 1000 clients
 //   round_trip_cluster  the round trip through a Redis Cluster of three primaries with a
-//                       replica each, beside the same through a single Redis
+//                       replica each (a post waits for its replica), and of three primaries
+//                       alone (routing only), beside the same through a single Redis
 //
 // A process talks to the one service KSMEM_SERVICE names at its first KsMem_Init, so each case
 // runs in a forked child of its own: the benchmark asks the child for one operation at a time
@@ -191,24 +192,26 @@ void BM_RoundTripEmbedded(benchmark::State& state) {
   timeInChild(state, child);
 }
 
-// The Redis Cluster of this run, started at its first use; null, with `problem` set, if none.
-RedisCluster* loopbackCluster(std::string& problem) {
-  static std::unique_ptr<RedisCluster> cluster;
-  static std::string why;
-  if (!cluster && why.empty()) {
-    cluster = std::make_unique<RedisCluster>();
+// The Redis Cluster of this run, with a replica for each primary or none, started at its first
+// use; null, with `problem` set, if none.
+RedisCluster* loopbackCluster(bool replicated, std::string& problem) {
+  static std::unique_ptr<RedisCluster> clusters[2];
+  static std::string why[2];
+  std::unique_ptr<RedisCluster>& cluster = clusters[replicated];
+  if (!cluster && why[replicated].empty()) {
+    cluster = std::make_unique<RedisCluster>(replicated);
     if (!cluster->start()) {
-      why = "no Redis Cluster for this case: " + cluster->problem();
+      why[replicated] = "no Redis Cluster for this case: " + cluster->problem();
       cluster.reset();
     }
   }
-  problem = why;
+  problem = why[replicated];
   return cluster.get();
 }
 
-void BM_RoundTripCluster(benchmark::State& state) {
+void roundTripsThroughCluster(benchmark::State& state, bool replicated) {
   std::string problem;
-  RedisCluster* cluster = loopbackCluster(problem);
+  RedisCluster* cluster = loopbackCluster(replicated, problem);
   if (cluster == nullptr) return state.SkipWithError(problem.c_str());
   ServiceChild child(cluster->url(), roundTrip);
   timeInChild(state, child);
@@ -297,8 +300,12 @@ const bool registered = [] {
   RegisterBenchmark("round_trip_redis/ksmem", BM_RoundTripRedis)->UseManualTime();
   RegisterBenchmark("round_trip_redis/raw_commands", BM_RawRedisCommandsOfARoundTrip)
       ->UseRealTime();
-  RegisterBenchmark("round_trip_cluster/ksmem", BM_RoundTripCluster)->UseManualTime();
+  RegisterBenchmark("round_trip_cluster/ksmem", roundTripsThroughCluster, true)->UseManualTime();
   RegisterBenchmark("round_trip_cluster/single_redis", BM_RoundTripRedis)->UseManualTime();
+  RegisterBenchmark("round_trip_cluster_without_replicas/ksmem", roundTripsThroughCluster, false)
+      ->UseManualTime();
+  RegisterBenchmark("round_trip_cluster_without_replicas/single_redis", BM_RoundTripRedis)
+      ->UseManualTime();
   for (const char* operation : {"getEvents", "putEvents"}) {
     const std::string row =
         operation == std::string("getEvents") ? "idle_fetch_redis/" : "put_redis/";

@@ -42,7 +42,7 @@ int32_t answer(Entry entry, int32_t fallback, const char* text = nullptr, char* 
   std::deque<Result>& queue = state.scripts[entry];
   if (queue.empty()) return fallback;
   Result next = queue.front();
-  if (next.bytes) {
+  if (next.bytes && buffer != nullptr) {
     const size_t left = next.bytes->size() - next.delivered;
     next.value =
         static_cast<int32_t>(next.reply ? std::min<size_t>(left, KSMEM_RECEIVE_BUFFER_SIZE) : left);

@@ -1,10 +1,10 @@
 // A Redis Cluster of a test's (or a benchmark's) own: six RedisServers on loopback joined into
-// three primaries with one replica each. Every node requires the password (and replicas give it
-// to their primaries), keeps an append-only file, and takes a node it has not heard from for a
-// second as failing, so that a replica takes over a killed primary within a few seconds. Nodes
-// are named by their port. The object kills every node and removes their directories when it
-// goes, also when a test fails. Not for use from several threads at once. Header-only, so that
-// the benchmark program can use it too.
+// three primaries with one replica each (or the three primaries alone). Every node requires the
+// password (and replicas give it to their primaries), keeps an append-only file, and takes a node
+// it has not heard from for a second as failing, so that a replica takes over a killed primary
+// within a few seconds. Nodes are named by their port. The object kills every node and removes
+// their directories when it goes, also when a test fails. Not for use from several threads at once.
+// Header-only, so that the benchmark program can use it too.
 #ifndef KSMEM_TESTS_STANDIN_REDISCLUSTER_H_
 #define KSMEM_TESTS_STANDIN_REDISCLUSTER_H_
 
@@ -21,8 +21,8 @@
 class RedisCluster {
  public:
   // REQUIRES: `password` holds only letters, digits and "-._~".
-  explicit RedisCluster(std::string password = "ksmem-cluster-secret")
-      : password(std::move(password)) {}
+  explicit RedisCluster(bool replicated = true, std::string password = "ksmem-cluster-secret")
+      : replicated(replicated), password(std::move(password)) {}
   ~RedisCluster() {
     for (const auto& node : nodes) node->kill();  // a test's cluster has nothing worth keeping
   }
@@ -35,7 +35,7 @@ class RedisCluster {
   // REQUIRES: not started before.
   bool start() {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i < (replicated ? 6 : 3); ++i) {
       RedisServer::Options options(RedisServer::Listen::kLoopback);
       options.durability = RedisServer::Durability::kAppendEverySecond;
       options.password = password;
@@ -52,7 +52,8 @@ class RedisCluster {
                       std::to_string((i + 1) * 16384 / 3 - 1)});
       }
     }
-    for (int i = 3; i < 6; ++i) {  // a replica each, once they have heard of each other
+    for (int i = 3; i < static_cast<int>(nodes.size());
+         ++i) {  // a replica each, once they have heard of each other
       const std::string primary = nodes[i - 3]->command({"CLUSTER", "MYID"}).at(0);
       while (nodes[i]->command({"CLUSTER", "REPLICATE", primary}) != RedisServer::Reply{"OK"}) {
         if (Clock::now() >= deadline) return fail("a replica did not find its primary");
@@ -196,6 +197,7 @@ class RedisCluster {
     return false;
   }
 
+  const bool replicated;
   const std::string password;
   std::vector<std::unique_ptr<RedisServer>> nodes;
   std::string why;
