@@ -112,9 +112,18 @@ class RedisCluster {
   // Waits until a running node serves every slot, every running node reports the cluster as
   // ok and every replica is in sync with its primary: after killPrimary(), until a replica has
   // taken over. False, with problem() saying so, when that has not happened within 30 seconds.
-  bool waitForFailover() {
+  bool waitUntilOk() {
     return settle(Clock::now() + std::chrono::seconds(30)) ||
-           fail("no replica took over within 30 seconds");
+           fail("the cluster was not ok again within 30 seconds");
+  }
+
+  // A replica of the primary at `port` as that primary reports it now; null when it has none.
+  RedisServer* replicaOf(int port) {
+    RedisServer* primary = running(port);
+    const std::string replica =  // "slave0:ip=127.0.0.1,port=P,state=online,..."
+        primary ? RedisServer::field(primary->command({"INFO", "replication"}), "slave0") : "";
+    const std::size_t at = replica.find("port=");
+    return at == std::string::npos ? nullptr : running(std::atoi(replica.c_str() + at + 5));
   }
 
   // The number of keys in the running node at `port` (DBSIZE), or -1 when it does not answer.

@@ -101,6 +101,12 @@ class RedisServer {
   // Kills the server as a crash would (SIGKILL). Does nothing when it is not running.
   void kill() { end(SIGKILL); }
 
+  // Freezes the server (SIGSTOP) or lets it go on (SIGCONT), as a machine that stalls would:
+  // its connections stay open, and nothing it should answer is answered meanwhile.
+  void suspend(bool frozen) {
+    if (process > 0) ::kill(process, frozen ? SIGSTOP : SIGCONT);
+  }
+
   bool running() const { return process > 0; }
 
   // The address as KSMEM_SERVICE takes it, with the password when there is one:
@@ -226,6 +232,7 @@ class RedisServer {
     connection.reset();
     if (process <= 0) return;
     ::kill(process, signal);
+    ::kill(process, SIGCONT);  // a frozen server would not act on SIGTERM
     for (int wait = 0; waitpid(process, nullptr, WNOHANG) == 0; ++wait) {
       if (wait == 2000) ::kill(process, SIGKILL);
       std::this_thread::sleep_for(std::chrono::milliseconds(5));

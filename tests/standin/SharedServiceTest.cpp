@@ -381,6 +381,36 @@ TEST_F(SharedServiceOnACluster, WrongPasswordAndUnreachableSeedFailAtOnceSayingS
             "cannot reach the service at " + closed + ": node 127.0.0.1:1: Connection refused");
 }
 
+// A post counts only once a replica holds it, so that a failover cannot lose it: with the
+// replica of its primary frozen, it fails within the time limit.
+TEST_F(SharedServiceOnACluster, PostFailsWhenNoReplicaTakesItsWriteInTime) {
+  const std::string server = uniqueServerID("unreplicated");
+  const int primary = primaryOf(server);
+  RedisServer* replica = cluster->replicaOf(primary);
+  ASSERT_NE(replica, nullptr);
+  const std::string failure =
+      ChildProcess([&] {
+        setenv("KSMEM_SERVICE", (cluster->url() + "?timeout=400ms").c_str(), 1);
+        KsMEMConnection alice;
+        untilDone([&] { registerAs(alice, server, "alice"); });
+        replica->suspend(true);
+        std::string text = "no failure";
+        try {
+          post(alice, "news");
+        } catch (const KsMEMConnectionException& e) {
+          text = e.getMessage();
+        }
+        replica->suspend(false);
+        return text;
+      }).output();
+
+  std::string shown = cluster->url() + "?timeout=400ms";  // "redis-cluster://:PASSWORD@..."
+  shown.replace(17, shown.find('@') - 17, "***");
+  EXPECT_EQ(failure, "lost the connection to the service at " + shown + ": node 127.0.0.1:" +
+                         std::to_string(primary) + ": no replica took the write within 200 ms");
+  EXPECT_TRUE(cluster->waitUntilOk()) << cluster->problem();
+}
+
 TEST_F(SharedServiceOnACluster, KilledPrimaryFailsOverLosingNoAcknowledgedEvent) {
   const std::string server = uniqueServerID("failover");
   const int primary = primaryOf(server);
@@ -391,7 +421,7 @@ TEST_F(SharedServiceOnACluster, KilledPrimaryFailsOverLosingNoAcknowledgedEvent)
       [&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         killed = cluster->killPrimary(primary);
-        failedOver = cluster->waitForFailover();
+        failedOver = cluster->waitUntilOk();
       });
 
   EXPECT_TRUE(killed && failedOver);
