@@ -1,15 +1,17 @@
-// A Redis Cluster of a test's (or a benchmark's) own: six RedisServers on loopback joined into
-// three primaries with one replica each (or the three primaries alone). Every node requires the
-// password (and replicas give it to their primaries), keeps an append-only file, and takes a node
-// it has not heard from for a second as failing, so that a replica takes over a killed primary
-// within a few seconds. Nodes are named by their port. The object kills every node and removes
-// their directories when it goes, also when a test fails. Not for use from several threads at once.
-// Header-only, so that the benchmark program can use it too.
+// A Redis Cluster of a test's (or a benchmark's) own: six RedisServers on loopback that
+// redis-cli joins into three primaries with one replica each (or the three primaries alone).
+// Every node requires the password (and replicas give it to their primaries), keeps an
+// append-only file, and takes a node it has not heard from for a second as failing, so that a
+// replica takes over a killed primary within a few seconds. Nodes are named by their port. The
+// object kills every node and removes their directories when it goes, also when a test fails.
+// Not for use from several threads at once. Header-only, so that the benchmark program can use
+// it too.
 #ifndef KSMEM_TESTS_STANDIN_REDISCLUSTER_H_
 #define KSMEM_TESTS_STANDIN_REDISCLUSTER_H_
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -29,12 +31,14 @@ class RedisCluster {
   RedisCluster(const RedisCluster&) = delete;
   RedisCluster& operator=(const RedisCluster&) = delete;
 
-  // Starts the six nodes, joins them and waits until every node reports the cluster as ok and
-  // every replica is in sync with its primary. False, with problem() saying why, when a node
-  // did not start or that has not happened within 30 seconds.
+  // Starts the six nodes, joins them with `redis-cli --cluster create` and waits until every
+  // node reports the cluster as ok and every replica is in sync with its primary. False, with
+  // problem() saying why, when a node did not start, the joining failed or that has not happened
+  // within 30 seconds.
   // REQUIRES: not started before.
   bool start() {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
+    std::string create = "redis-cli -a " + password + " --no-auth-warning --cluster create";
     for (int i = 0; i < (replicated ? 6 : 3); ++i) {
       RedisServer::Options options(RedisServer::Listen::kLoopback);
       options.durability = RedisServer::Durability::kAppendEverySecond;
@@ -45,20 +49,11 @@ class RedisCluster {
                                "--masterauth",      password, "--repl-diskless-sync-delay", "0"};
       RedisServer& node = *nodes.emplace_back(std::make_unique<RedisServer>(options));
       if (!node.start()) return fail("a node did not start: " + node.problem());
-      // Each node meets the first; the first three serve a third of the slots each.
-      if (i > 0) node.command({"CLUSTER", "MEET", "127.0.0.1", std::to_string(nodes[0]->port())});
-      if (i < 3) {
-        node.command({"CLUSTER", "ADDSLOTSRANGE", std::to_string(i * 16384 / 3),
-                      std::to_string((i + 1) * 16384 / 3 - 1)});
-      }
+      create += " 127.0.0.1:" + std::to_string(node.port());
     }
-    for (int i = 3; i < static_cast<int>(nodes.size());
-         ++i) {  // a replica each, once they have heard of each other
-      const std::string primary = nodes[i - 3]->command({"CLUSTER", "MYID"}).at(0);
-      while (nodes[i]->command({"CLUSTER", "REPLICATE", primary}) != RedisServer::Reply{"OK"}) {
-        if (Clock::now() >= deadline) return fail("a replica did not find its primary");
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      }
+    create += replicated ? " --cluster-replicas 1" : " --cluster-replicas 0";
+    if (std::system((create + " --cluster-yes >/dev/null 2>&1").c_str()) != 0) {
+      return fail("redis-cli --cluster create failed");
     }
     return settle(deadline) || fail("the cluster was not ok within 30 seconds");
   }
