@@ -1,7 +1,7 @@
-// A TCP relay on 127.0.0.1 in front of a RedisServer listening on loopback, which loses chosen
-// replies: it passes requests on as they are, finds where each reply ends with hiredis's reader,
-// and swallows the chosen ones, so that the command has run in Redis but the caller never hears
-// of it. With kCloseConnection the caller's connection breaks at once where the reply would
+// A TCP relay on 127.0.0.1 in front of a RedisServer listening on loopback, which loses replies
+// at random: it passes requests on as they are, finds where each reply ends with hiredis's reader,
+// and swallows each with a chance of 1/n, so that the command has run in Redis but the caller never
+// hears of it. With kCloseConnection the caller's connection breaks at once where the reply would
 // have come; with kKeepSilent the connection stays open and nothing more comes on it, so the
 // caller runs into its own time limit. Replies before the swallowed one reach the caller as
 // they should. Replies are counted over all connections in the order they come from Redis;
@@ -41,16 +41,13 @@
 class FaultyRelay {
  public:
   enum class Loss { kCloseConnection, kKeepSilent };
-  enum class Pick {
-    kEveryNth,      // replies n, 2n, 3n, ...
-    kRandomOneInN,  // each reply with chance 1/n, from a generator seeded with `seed`
-  };
 
-  // Starts relaying to `redis`. Throws std::invalid_argument when n < 1 and std::system_error
+  // Starts relaying to `redis`, picking the replies to lose with a generator seeded with
+  // `seed`. Throws std::invalid_argument when n < 1 and std::system_error
   // when the relay cannot listen or start.
   // REQUIRES: `redis` listens on loopback (Listen::kLoopback).
-  FaultyRelay(const RedisServer& redis, Loss loss, Pick pick, int n, unsigned seed = 1)
-      : redisPort(redis.port()), loss(loss), pick(pick), n(n), random(seed) {
+  FaultyRelay(const RedisServer& redis, Loss loss, int n, unsigned seed)
+      : redisPort(redis.port()), loss(loss), n(n), random(seed) {
     if (n < 1) throw std::invalid_argument("FaultyRelay: n must be 1 or more");
     sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
@@ -89,12 +86,11 @@ class FaultyRelay {
   const std::string& url() const { return relayURL; }
 
   long long swallowed() const { return counts->swallowed; }
-  long long forwarded() const { return counts->forwarded; }
 
  private:
   // Shared by the test process and the relay process; the mapping starts zeroed.
   struct Counts {
-    std::atomic<long long> swallowed, forwarded;
+    std::atomic<long long> swallowed;
   };
 
   struct Connection {
@@ -182,23 +178,20 @@ class FaultyRelay {
 
   bool swallowNext() {
     std::lock_guard<std::mutex> lock(mutex);
-    const bool swallow =
-        pick == Pick::kEveryNth ? ++replyCount % n == 0 : random() % static_cast<unsigned>(n) == 0;
-    ++(swallow ? counts->swallowed : counts->forwarded);
+    const bool swallow = random() % static_cast<unsigned>(n) == 0;
+    if (swallow) ++counts->swallowed;
     return swallow;
   }
 
   const int redisPort;
   const Loss loss;
-  const Pick pick;
   const int n;
   Counts* const counts = static_cast<Counts*>(
       mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t relay = -1;
   std::string relayURL;
-  std::mutex mutex;          // in the relay process, for the threads of all its connections
-  long long replyCount = 0;  // guarded by `mutex`
-  std::mt19937 random;       // guarded by `mutex`
+  std::mutex mutex;     // in the relay process, for the threads of all its connections
+  std::mt19937 random;  // guarded by `mutex`
 };
 
 #endif  // KSMEM_TESTS_STANDIN_FAULTYRELAY_H_

@@ -266,10 +266,8 @@ TEST(SharedService, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
   ASSERT_TRUE(redis.start()) << redis.problem();
   // One reply in ten is lost: through one relay the connection breaks there, through the other
   // nothing more comes and the caller's time limit passes. A poster and a receiver use each.
-  FaultyRelay breaking(redis, FaultyRelay::Loss::kCloseConnection, FaultyRelay::Pick::kRandomOneInN,
-                       10, 7);
-  FaultyRelay silent(redis, FaultyRelay::Loss::kKeepSilent, FaultyRelay::Pick::kRandomOneInN, 10,
-                     11);
+  FaultyRelay breaking(redis, FaultyRelay::Loss::kCloseConnection, 10, 7);
+  FaultyRelay silent(redis, FaultyRelay::Loss::kKeepSilent, 10, 11);
 
   const int postedAgain = expectEveryEventOnceUnlessPostedAgain(
       uniqueServerID("lost-replies"),
