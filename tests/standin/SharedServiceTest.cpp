@@ -260,7 +260,7 @@ int expectEveryEventOnceUnlessPostedAgain(const std::string& server,
   return postedAgainCount;
 }
 
-TEST(SharedService, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
+TEST(SharedServiceInRedis, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
   if (ownRedis == nullptr) GTEST_SKIP() << kRedisOnly;
   RedisServer redis(RedisServer::Listen::kLoopback);
   ASSERT_TRUE(redis.start()) << redis.problem();
@@ -281,7 +281,7 @@ TEST(SharedService, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
   EXPECT_GT(silent.swallowed(), 10);
 }
 
-TEST(SharedService, KilledRedisWithAnAppendOnlyFileLosesNoAcknowledgedEvent) {
+TEST(SharedServiceInRedis, KilledRedisWithAnAppendOnlyFileLosesNoAcknowledgedEvent) {
   if (ownRedis == nullptr) GTEST_SKIP() << kRedisOnly;
   RedisServer::Options options(RedisServer::Listen::kLoopback);
   options.durability = RedisServer::Durability::kAppendEverySecond;
