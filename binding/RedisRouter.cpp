@@ -123,30 +123,38 @@ RedisRouter::Node& RedisRouter::nodeOf(int slot) {
   return slotOwner[slot] != nullptr ? *slotOwner[slot] : *nodes.front();
 }
 
-int RedisRouter::connectedReplicas(Node& node) {
-  const RedisReply role = node.connection->command({"ROLE"});
+int RedisRouter::replicasIn(const redisReply& role) {
   // A primary answers ["master", offset, [[host, port, offset], ...]].
-  if (role->type != REDIS_REPLY_ARRAY || role->elements < 3 ||
-      role->element[2]->type != REDIS_REPLY_ARRAY) {
+  if (role.type != REDIS_REPLY_ARRAY || role.elements < 3 ||
+      role.element[2]->type != REDIS_REPLY_ARRAY) {
     return 0;
   }
-  return static_cast<int>(role->element[2]->elements);
+  return static_cast<int>(role.element[2]->elements);
 }
 
 RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replicated) {
   lastConnection = node.connection.get();
-  if (replicated && node.replicas < 0) node.replicas = connectedReplicas(node);
-  if (!replicated || node.replicas == 0) return node.connection->command(parts);
-  // The command and WAIT in one round trip; WAIT answers how many replicas have the write.
+  if (!replicated) return node.connection->command(parts);
   const std::string waitMs = std::to_string(std::max<long long>(1, url.timeout.count() / 2));
-  std::vector<RedisReply> replies = node.connection->commands({parts, {"WAIT", "1", waitMs}});
-  const redisReply& replicas = *replies[1];
-  if (replies[0]->type == REDIS_REPLY_ERROR ||
-      (replicas.type == REDIS_REPLY_INTEGER && replicas.integer >= 1)) {
+  const RedisCommand wait = {"WAIT", "1", waitMs}, role = {"ROLE"};
+  // WAIT goes with the command in one round trip where the node had replicas when last asked.
+  // Otherwise ROLE does, so that a replica that has come since (after a failover, or at the
+  // start of the cluster) is waited for from the first write after it.
+  std::vector<RedisReply> replies =
+      node.connection->commands({parts, node.replicas > 0 ? wait : role});
+  if (replies[0]->type == REDIS_REPLY_ERROR) return std::move(replies[0]);
+  RedisReply acknowledged = std::move(replies[1]);
+  if (node.replicas == 0) {
+    node.replicas = replicasIn(*acknowledged);
+    if (node.replicas == 0) return std::move(replies[0]);
+    acknowledged = node.connection->command(wait);
+  }
+  // WAIT answers how many replicas have the write.
+  if (acknowledged->type == REDIS_REPLY_INTEGER && acknowledged->integer >= 1) {
     return std::move(replies[0]);
   }
   // No replica took the write: where the primary has lost its replicas since, it stands alone.
-  node.replicas = connectedReplicas(node);
+  node.replicas = replicasIn(*node.connection->command(role));
   if (node.replicas == 0) return std::move(replies[0]);
   ReplyLost unreplicated;
   unreplicated.code = KSMEM_ERR_SERVICE_UNREACHABLE;

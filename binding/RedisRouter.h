@@ -48,7 +48,7 @@ class RedisRouter {
   struct Node {
     Endpoint address;
     std::unique_ptr<RedisConnection> connection;
-    int replicas = -1;  // replicas connected to this primary as it last said; -1 not asked yet
+    int replicas = 0;  // replicas connected to this primary as it last said; 0 until asked
   };
 
   // The node of `slot` as far as is known; the map is read first if there is none.
@@ -58,8 +58,9 @@ class RedisRouter {
   bool readSlotMap();
   // Sends `parts` to `node`; with `replicated`, and where the node has replicas, WAIT with it.
   RedisReply send(Node& node, const RedisCommand& parts, bool replicated);
-  // The replicas connected to `node`, as its ROLE says (0 for a node that is no primary).
-  int connectedReplicas(Node& node);
+  // The replicas connected to a node, as its reply to ROLE says (0 for a node that is no
+  // primary).
+  static int replicasIn(const redisReply& role);
 
   const ServiceURL& url;
   std::vector<std::unique_ptr<Node>> nodes;  // seeds first, then as the map names them

@@ -112,7 +112,9 @@ class RedisCluster {
            fail("the cluster was not ok again within 30 seconds");
   }
 
-  // A replica of the primary at `port` as that primary reports it now; null when it has none.
+  // The running node at `port`, and a replica of the primary at `port` as that primary reports
+  // it now; null when there is none.
+  RedisServer* node(int port) const { return running(port); }
   RedisServer* replicaOf(int port) {
     RedisServer* primary = running(port);
     const std::string replica =  // "slave0:ip=127.0.0.1,port=P,state=online,..."

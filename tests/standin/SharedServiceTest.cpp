@@ -380,17 +380,27 @@ TEST_F(SharedServiceOnACluster, WrongPasswordAndUnreachableSeedFailAtOnceSayingS
 }
 
 // A post counts only once a replica holds it, so that a failover cannot lose it: with the
-// replica of its primary frozen, it fails within the time limit.
+// replica of its primary frozen, it fails within the time limit. The client registers while
+// the primary has lost its replica, and the replica comes back before the post, as after a
+// failover: the replica must be waited for all the same.
 TEST_F(SharedServiceOnACluster, PostFailsWhenNoReplicaTakesItsWriteInTime) {
   const std::string server = uniqueServerID("unreplicated");
   const int primary = primaryOf(server);
   RedisServer* replica = cluster->replicaOf(primary);
   ASSERT_NE(replica, nullptr);
+  replica->suspend(true);
+  cluster->node(primary)->command({"CLIENT", "KILL", "TYPE", "replica"});
   const std::string failure =
       ChildProcess([&] {
         setenv("KSMEM_SERVICE", (cluster->url() + "?timeout=400ms").c_str(), 1);
         KsMEMConnection alice;
         untilDone([&] { registerAs(alice, server, "alice"); });
+        replica->suspend(false);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (cluster->replicaOf(primary) == nullptr &&
+               std::chrono::steady_clock::now() < deadline) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
         replica->suspend(true);
         std::string text = "no failure";
         try {
@@ -401,6 +411,7 @@ TEST_F(SharedServiceOnACluster, PostFailsWhenNoReplicaTakesItsWriteInTime) {
         replica->suspend(false);
         return text;
       }).output();
+  replica->suspend(false);  // also where the child did not get that far
 
   std::string shown = cluster->url() + "?timeout=400ms";  // "redis-cluster://:PASSWORD@..."
   shown.replace(17, shown.find('@') - 17, "***");
