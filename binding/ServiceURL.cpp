@@ -26,7 +26,8 @@ std::optional<uint64_t> number(std::string_view text, uint64_t most) {
   return value;
 }
 
-// A whole number with the unit ms, s, m, h or d; seconds without one.
+// A whole number with the unit ms, s, m, h or d, seconds without one; at most 3650 days, so that
+// a time limit or an age added to a clock's time cannot overflow it.
 std::optional<std::chrono::milliseconds> duration(std::string_view text) {
   static const struct {
     std::string_view unit;
@@ -42,7 +43,7 @@ std::optional<std::chrono::milliseconds> duration(std::string_view text) {
       break;
     }
   }
-  const std::optional<uint64_t> count = number(text, std::numeric_limits<int64_t>::max() / scale);
+  const std::optional<uint64_t> count = number(text, 3650 * uint64_t{86400000} / scale);
   if (!count) return std::nullopt;
   return std::chrono::milliseconds(static_cast<int64_t>(*count * scale));
 }
@@ -75,25 +76,47 @@ class Parser {
   Parser(std::string_view text, std::string& problem) : text(text), problem(problem) {}
 
   std::optional<ServiceURL> parse() {
-    std::string_view rest = text;
+    url.shown = std::string(text);
+    std::string_view scheme;
+    for (const std::string_view form : {"redis://", "unix://", "redis-cluster://"}) {
+      if (text.substr(0, form.size()) == form) scheme = form;
+    }
+    std::string_view rest = text.substr(scheme.size());
+    // The credentials come off first, and the password leaves the shown text before anything
+    // can fail and name the text. They end at the "@" before the hosts, which the hosts and
+    // options never hold, or before the socket path, which starts with "/"; so a raw "/", "?"
+    // or "@" in a password stays in it.
+    const bool named = !scheme.empty() && !rest.empty() && rest.front() != '/';
+    const std::size_t at = !named                ? std::string_view::npos
+                           : scheme == "unix://" ? rest.find("@/")
+                                                 : rest.rfind('@');
+    if (at != std::string_view::npos) {
+      const std::size_t colon = rest.substr(0, at).find(':');
+      const std::size_t shownUpTo =
+          scheme.size() + (colon == std::string_view::npos ? 0 : colon + 1);
+      url.shown = std::string(text.substr(0, shownUpTo)) + "***" +
+                  std::string(text.substr(scheme.size() + at));
+      if (!credentials(rest.substr(0, at))) return std::nullopt;
+      rest = rest.substr(at + 1);
+    }
     const std::size_t query = rest.find('?');
     const std::string_view options =
         query == std::string_view::npos ? std::string_view() : rest.substr(query + 1);
     rest = rest.substr(0, query);
-    url.shown = std::string(text);
     bool parsed = false;
-    if (rest == "embedded" || rest.empty()) {
+    if (scheme.empty() && (rest == "embedded" || rest.empty())) {
       parsed = query == std::string_view::npos || !rest.empty();
       if (!parsed) fail("options follow no service");
-    } else if (rest.substr(0, 8) == "redis://") {
+    } else if (scheme == "redis://") {
       url.kind = ServiceURL::Kind::kRedis;
-      parsed = tcp(rest.substr(8));
-    } else if (rest.substr(0, 7) == "unix://") {
+      parsed = tcp(rest);
+    } else if (scheme == "unix://") {
       url.kind = ServiceURL::Kind::kRedis;
-      parsed = unixSocket(rest.substr(7));
-    } else if (rest.substr(0, 16) == "redis-cluster://") {
+      parsed = rest.substr(0, 1) == "/" || fail("the socket path does not start with \"/\"");
+      url.socketPath = std::string(rest);
+    } else if (scheme == "redis-cluster://") {
       url.kind = ServiceURL::Kind::kRedisCluster;
-      parsed = cluster(rest.substr(16));
+      parsed = cluster(rest);
     } else {
       fail(
           "it starts with none of \"embedded\", \"redis://\", \"unix://\" and "
@@ -112,15 +135,9 @@ class Parser {
     return false;
   }
 
-  // USER:PASSWORD before the "@" at `at` of `rest`, which starts at `offset` of the text.
-  bool credentials(std::string_view rest, std::size_t at, std::size_t offset) {
-    const std::string_view userInfo = rest.substr(0, at);
+  // USER:PASSWORD or :PASSWORD, percent-encoded.
+  bool credentials(std::string_view userInfo) {
     const std::size_t colon = userInfo.find(':');
-    // The password leaves the shown text before anything can fail and name the text.
-    if (colon != std::string_view::npos) {
-      url.shown = std::string(text.substr(0, offset + colon + 1)) + "***" +
-                  std::string(text.substr(offset + at));
-    }
     std::optional<std::string> user, password;
     if (colon != std::string_view::npos) {
       user = percentDecoded(userInfo.substr(0, colon));
@@ -148,6 +165,9 @@ class Parser {
       }
     } else {
       node.host = std::string(text.substr(0, colon));
+      if (node.host.find(':') != std::string::npos) {
+        return fail("an IPv6 address goes in brackets, as in [::1]:6379");
+      }
     }
     if (node.host.empty()) return fail("no host is given");
     if (colon != std::string_view::npos) {
@@ -162,19 +182,8 @@ class Parser {
     return true;
   }
 
-  // [USER:PASSWORD@] before the first "/" of `rest`, which starts at `offset` of the text;
-  // gives what follows it.
-  std::optional<std::string_view> authority(std::string_view rest, std::size_t offset) {
-    std::string_view authority = rest.substr(0, rest.find('/'));
-    const std::size_t at = authority.rfind('@');
-    if (at == std::string_view::npos) return authority;
-    if (!credentials(rest, at, offset)) return std::nullopt;
-    return authority.substr(at + 1);
-  }
-
+  // HOST[:PORT][/DB]
   bool tcp(std::string_view rest) {
-    const std::optional<std::string_view> hostAndPort = authority(rest, 8);
-    if (!hostAndPort) return false;
     const std::size_t slash = rest.find('/');
     if (slash != std::string_view::npos) {
       const std::string_view db = rest.substr(slash + 1);
@@ -182,32 +191,20 @@ class Parser {
       if (!value) return fail("the database \"" + std::string(db) + "\" is not a whole number");
       url.db = static_cast<int>(*value);
     }
-    return endpoint(*hostAndPort);
+    return endpoint(rest.substr(0, slash));
   }
 
-  bool cluster(std::string_view rest) {
-    std::optional<std::string_view> seeds = authority(rest, 16);
-    if (!seeds) return false;
-    if (rest.find('/') != std::string_view::npos) {
+  // HOST:PORT[,HOST:PORT...]
+  bool cluster(std::string_view seeds) {
+    if (seeds.find('/') != std::string_view::npos) {
       return fail("a Redis Cluster has no database but 0, so the form has no \"/DB\"");
     }
     for (;;) {
-      const std::size_t comma = seeds->find(',');
-      if (!endpoint(seeds->substr(0, comma))) return false;
+      const std::size_t comma = seeds.find(',');
+      if (!endpoint(seeds.substr(0, comma))) return false;
       if (comma == std::string_view::npos) return true;
-      seeds = seeds->substr(comma + 1);
+      seeds = seeds.substr(comma + 1);
     }
-  }
-
-  bool unixSocket(std::string_view rest) {
-    if (rest.empty() || rest.front() != '/') {
-      const std::size_t at = rest.find("@/");
-      if (at == std::string_view::npos) return fail("the socket path does not start with \"/\"");
-      if (!credentials(rest, at, 7)) return false;
-      rest = rest.substr(at + 1);
-    }
-    url.socketPath = std::string(rest);
-    return true;
   }
 
   bool parseOptions(std::string_view options) {
@@ -237,13 +234,13 @@ class Parser {
     } else if (name == "retention-age") {
       const std::optional<std::chrono::milliseconds> age = duration(value);
       if (!age || age->count() % 1000 != 0) {
-        return invalid("a DURATION of whole seconds such as 90s, 30m, 12h or 7d");
+        return invalid("a DURATION of whole seconds up to 3650d, such as 90s, 30m, 12h or 7d");
       }
       url.retention.age = std::chrono::duration_cast<std::chrono::seconds>(*age);
     } else if (name == "timeout" && url.kind != ServiceURL::Kind::kEmbedded) {
       const std::optional<std::chrono::milliseconds> timeout = duration(value);
       if (!timeout || timeout->count() == 0) {
-        return invalid("a DURATION above 0 such as 500ms, 5s or 1m");
+        return invalid("a DURATION above 0 and up to 3650d, such as 500ms, 5s or 1m");
       }
       url.timeout = *timeout;
     } else if (name == "db" && !url.socketPath.empty()) {
