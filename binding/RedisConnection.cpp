@@ -95,22 +95,27 @@ void RedisConnection::unexpected() const {
 
 std::vector<RedisReply> RedisConnection::send(const std::vector<RedisCommand>& batch,
                                               std::string& why) {
-  std::vector<const char*> argv;
-  std::vector<std::size_t> lengths;
-  for (const RedisCommand& parts : batch) {
-    argv.clear();
-    lengths.clear();
-    for (const std::string_view part : parts) {
-      argv.push_back(part.data());
-      lengths.push_back(part.size());
-    }
-    if (redisAppendCommandArgv(context, static_cast<int>(argv.size()), argv.data(),
-                               lengths.data()) != REDIS_OK) {
-      throw std::bad_alloc();
-    }
-  }
   std::vector<RedisReply> replies;
   replies.reserve(batch.size());
+  std::vector<const char*> argv;
+  std::vector<std::size_t> lengths;
+  try {
+    for (const RedisCommand& parts : batch) {
+      argv.clear();
+      lengths.clear();
+      for (const std::string_view part : parts) {
+        argv.push_back(part.data());
+        lengths.push_back(part.size());
+      }
+      if (redisAppendCommandArgv(context, static_cast<int>(argv.size()), argv.data(),
+                                 lengths.data()) != REDIS_OK) {
+        throw std::bad_alloc();
+      }
+    }
+  } catch (...) {
+    close();  // what is queued would go out with the next request and answer in its place
+    throw;
+  }
   errno = 0;
   for (std::size_t i = 0; i < batch.size(); ++i) {
     void* reply = nullptr;
