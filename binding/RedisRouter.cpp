@@ -195,7 +195,10 @@ RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replic
         const Endpoint target = redirectTarget(*reply);
         Node& next = nodeAt(target.host.empty() ? node.address.host : target.host, target.port);
         if (ask) asking = &next;
-        if (moved && !readSlotMap()) slotOwner[slot] = &next;
+        if (moved) {  // the map read again may be older than the node that answered
+          readSlotMap();
+          slotOwner[slot] = &next;
+        }
         continue;
       }
       if ((startsWith(*reply, "TRYAGAIN") || startsWith(*reply, "CLUSTERDOWN")) &&
