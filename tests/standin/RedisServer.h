@@ -1,7 +1,8 @@
 // A redis-server of a test's (or a benchmark's) own, in a fresh temporary directory, listening on
 // a Unix socket there or on a loopback port, optionally with a password. By default it keeps
-// nothing across a restart; with an append-only file it keeps what it acknowledged across stop()
-// and kill(). It can be stopped or killed and started again at the same address and directory.
+// nothing across a restart; with "--appendonly yes" it keeps what it acknowledged across stop()
+// and kill(), since Redis writes the append-only file before it replies. It can be stopped or
+// killed and started again at the same address and directory.
 // The object stops it and removes the directory when it goes, also when the test fails, and the
 // server is killed when the thread that started it ends, so that a crashed test leaves nothing
 // behind. Not for use from several threads at once. Header-only, so that the benchmark program
@@ -39,32 +40,18 @@ inline std::string uniqueServerID(const std::string& name) {
 class RedisServer {
  public:
   enum class Listen { kUnixSocket, kLoopback };
-  // Redis writes the append-only file before it replies, so a killed process loses nothing
-  // acknowledged (unless an fsync had stalled the disk for seconds); a crash of the machine
-  // may lose the last second.
-  enum class Durability { kNone, kAppendEverySecond };
 
-  struct Options {
-    explicit Options(Listen listen) : listen(listen) {}
-
-    Listen listen;
-    Durability durability = Durability::kNone;
-    // When not empty, required of every client (requirepass) and part of url().
-    // REQUIRES: letters, digits and "-._~" only, so that it goes into a URL as it is.
-    std::string password;
-    // Given to redis-server after the others, as they are (for instance cluster settings).
-    std::vector<std::string> moreArguments;
-  };
-
-  // A reply, arrays flattened: strings, status and error replies as their text, integers in
-  // decimal, nil as nothing.
-  using Reply = std::vector<std::string>;
-
-  explicit RedisServer(Listen listen) : RedisServer(Options(listen)) {}
-  explicit RedisServer(Options chosen) : options(std::move(chosen)) {
+  // `moreArguments` go to redis-server after the others, as they are: "--appendonly yes", or
+  // cluster settings. A `password` that is not empty is required of every client (requirepass)
+  // and is part of url().
+  // REQUIRES: `password` holds letters, digits and "-._~" only, so that it goes into a URL as it
+  // is.
+  explicit RedisServer(Listen listen, std::vector<std::string> moreArguments = {},
+                       std::string password = "")
+      : moreArguments(std::move(moreArguments)), password(std::move(password)) {
     std::string pattern = std::filesystem::temp_directory_path() / "ksmem-redis-XXXXXX";
     if (mkdtemp(pattern.data()) != nullptr) directory = pattern;
-    if (options.listen == Listen::kUnixSocket) socketPath = directory + "/redis.sock";
+    if (listen == Listen::kUnixSocket) socketPath = directory + "/redis.sock";
   }
   ~RedisServer() {
     stop();
@@ -73,6 +60,10 @@ class RedisServer {
   }
   RedisServer(const RedisServer&) = delete;
   RedisServer& operator=(const RedisServer&) = delete;
+
+  // A reply, arrays flattened: strings, status and error replies as their text, integers in
+  // decimal, nil as nothing.
+  using Reply = std::vector<std::string>;
 
   // Starts redis-server and waits until it answers PING, which it does only once it has loaded
   // its append-only file. False, with problem() saying why, when redis-server is not installed,
@@ -85,7 +76,7 @@ class RedisServer {
     if (directory.empty()) return fail("no temporary directory could be made");
     for (int attempt = 0; attempt < 10; ++attempt) {
       why.clear();
-      const bool picked = options.listen == Listen::kLoopback && tcpPort == 0;
+      const bool picked = socketPath.empty() && tcpPort == 0;
       if (picked) tcpPort = std::uniform_int_distribution<int>(20000, 30000)(random);
       if (launch()) return true;
       if (!picked || why.find("Address already in use") == std::string::npos) return false;
@@ -113,7 +104,7 @@ class RedisServer {
   // "redis://[:PASSWORD@]127.0.0.1:PORT" or "unix://[:PASSWORD@]/PATH". It ends with the
   // address, so that a test may append "/DB" (redis://) and then "?options".
   std::string url() const {
-    const std::string credentials = options.password.empty() ? "" : ":" + options.password + "@";
+    const std::string credentials = password.empty() ? "" : ":" + password + "@";
     return socketPath.empty() ? "redis://" + credentials + "127.0.0.1:" + std::to_string(tcpPort)
                               : "unix://" + credentials + socketPath;
   }
@@ -134,7 +125,7 @@ class RedisServer {
       }
       fcntl(connection->fd, F_SETFD, FD_CLOEXEC);  // not for the servers started later
       redisSetTimeout(connection.get(), limit);
-      if (!options.password.empty()) command({"AUTH", options.password});
+      if (!password.empty()) command({"AUTH", password});
     }
     std::vector<const char*> argv;
     std::vector<std::size_t> lengths;
@@ -183,13 +174,24 @@ class RedisServer {
   bool launch() {
     const std::string log = directory + "/redis.log";
     const std::string port = std::to_string(tcpPort);
-    const char* appendOnly = options.durability == Durability::kNone ? "no" : "yes";
-    std::vector<std::string> args = {"redis-server", "--save",    "",         "--dir",
-                                     directory,      "--logfile", log,        "--port",
-                                     port,           "--bind",    "127.0.0.1"};
-    args.insert(args.end(), {"--unixsocket", socketPath, "--requirepass", options.password,
-                             "--appendonly", appendOnly});
-    args.insert(args.end(), options.moreArguments.begin(), options.moreArguments.end());
+    std::vector<std::string> args = {"redis-server",
+                                     "--save",
+                                     "",
+                                     "--dir",
+                                     directory,
+                                     "--logfile",
+                                     log,
+                                     "--port",
+                                     port,
+                                     "--bind",
+                                     "127.0.0.1",
+                                     "--unixsocket",
+                                     socketPath,
+                                     "--requirepass",
+                                     password,
+                                     "--appendonly",
+                                     "no"};
+    args.insert(args.end(), moreArguments.begin(), moreArguments.end());
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
@@ -245,7 +247,8 @@ class RedisServer {
     return false;
   }
 
-  Options options;
+  const std::vector<std::string> moreArguments;
+  const std::string password;
   std::string directory;
   std::string socketPath;  // empty when listening on loopback
   int tcpPort = 0;         // 0 on a Unix socket, and on loopback until the first start

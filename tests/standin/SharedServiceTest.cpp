@@ -137,19 +137,15 @@ TEST(SharedService, SilentClientKeepsOnlyTheNewestEventsOnceTheRetentionLimitIsR
 
   // The newest events alone, in order: at least the 50 of the limit, and no more than Redis
   // keeps beyond it as it trims whole blocks of entries.
-  const std::size_t bar = outcome.find('|');
-  ASSERT_NE(bar, std::string::npos) << outcome;
+  std::istringstream split(outcome.substr(outcome.find('|') + 1));
   std::vector<int> kept;
-  for (std::size_t at = bar + 1, end; (end = outcome.find(';', at)) != std::string::npos;
-       at = end + 1) {
-    kept.push_back(std::stoi(outcome.substr(at)));
-  }
-  ASSERT_GE(kept.size(), 50u);
+  for (std::string event; std::getline(split, event, ';');) kept.push_back(std::stoi(event));
+  ASSERT_GE(kept.size(), 50u) << outcome;
   EXPECT_LE(kept.size(), 150u);
   for (std::size_t k = 0; k < kept.size(); ++k) EXPECT_EQ(kept[k], 400 - kept.size() + k);
   // The operator saw the silent client's backlog before it fetched, the active one's at most
-  // two rounds of ten, the poster's none.
-  std::istringstream backlogs(outcome.substr(0, bar));
+  // two rounds of ten, the poster's none: lines of "PENDING OLDEST-AGE CLIENT".
+  std::istringstream backlogs(outcome);
   std::string client[3];
   long pending[3] = {}, age[3] = {};
   for (int line = 0; line < 3; ++line) backlogs >> pending[line] >> age[line] >> client[line];
@@ -178,10 +174,10 @@ int untilDone(Operation operation) {
 
 // The fault scenarios, in child processes of `server`: kPosters posters post kPosts events
 // each, "POSTER:SEQUENCE;", paced, and post an event again when putEvents fails; kReceivers
-// receivers fetch, again after a failure, until they hold every event. `serviceOf(index)` gives
-// each child's KSMEM_SERVICE; the parent calls `meanwhile` while they run. Then each receiver
-// must hold every event, the first copies in each poster's order, and a second copy only of an
-// event that was posted again. Gives how many events were posted again.
+// receivers fetch, again after a failure, until they hold each poster's last event.
+// `serviceOf(index)` gives each child's KSMEM_SERVICE; the parent calls `meanwhile` while they
+// run. Then each receiver must hold every event, the first copies in each poster's order, and a
+// second copy only of an event that was posted again. Gives how many events were posted again.
 constexpr int kPosters = 2, kReceivers = 2, kPosts = 150;
 
 int expectEveryEventOnceUnlessPostedAgain(const std::string& server,
@@ -202,14 +198,18 @@ int expectEveryEventOnceUnlessPostedAgain(const std::string& server,
   for (int r = 0; r < kReceivers; ++r) {
     receivers.push_back(child(r, "receiver-" + std::to_string(r), [](KsMEMConnection& c) {
       std::string received;
-      std::set<std::string> distinct;
+      const auto holdsAll = [&] {
+        for (int p = 0; p < kPosters; ++p) {
+          const std::string last = ";" + std::to_string(p) + ":" + std::to_string(kPosts - 1) + ";";
+          if ((";" + received).find(last) == std::string::npos) return false;
+        }
+        return true;
+      };
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-      while (distinct.size() < kPosters * kPosts && std::chrono::steady_clock::now() < deadline) {
+      while (!holdsAll() && std::chrono::steady_clock::now() < deadline) {
         std::string events;
         untilDone([&] { events = fetch(c); });
         received += events;
-        std::istringstream split(events);
-        for (std::string event; std::getline(split, event, ';');) distinct.insert(event);
         if (events.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
       }
       return received;
@@ -236,9 +236,7 @@ int expectEveryEventOnceUnlessPostedAgain(const std::string& server,
         static_cast<int>(std::count(postedAgain[p].begin(), postedAgain[p].end(), ';')) - 1;
   }
   for (int r = 0; r < kReceivers; ++r) {
-    std::vector<int> copies[kPosters];
-    for (auto& perPoster : copies) perPoster.assign(kPosts, 0);
-    int next[kPosters] = {};
+    int copies[kPosters][kPosts] = {}, next[kPosters] = {};
     std::string problems;
     std::istringstream split(receivers[r]->output());
     for (std::string event; std::getline(split, event, ';');) {
@@ -248,11 +246,9 @@ int expectEveryEventOnceUnlessPostedAgain(const std::string& server,
     for (int p = 0; p < kPosters; ++p) {
       for (int i = 0; i < kPosts; ++i) {
         const std::string event = std::to_string(p) + ":" + std::to_string(i);
+        const bool again = postedAgain[p].find(";" + std::to_string(i) + ";") != std::string::npos;
         if (copies[p][i] == 0) problems += " lost: " + event;
-        if (copies[p][i] > 1 &&
-            postedAgain[p].find(";" + std::to_string(i) + ";") == std::string::npos) {
-          problems += " repeated: " + event;
-        }
+        if (copies[p][i] > 1 && !again) problems += " repeated: " + event;
       }
     }
     EXPECT_EQ(problems, "") << "receiver " << r;
@@ -283,9 +279,9 @@ TEST(SharedServiceInRedis, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
 
 TEST(SharedServiceInRedis, KilledRedisWithAnAppendOnlyFileLosesNoAcknowledgedEvent) {
   if (ownRedis == nullptr) GTEST_SKIP() << kRedisOnly;
-  RedisServer::Options options(RedisServer::Listen::kLoopback);
-  options.durability = RedisServer::Durability::kAppendEverySecond;
-  RedisServer redis(options);
+  // Redis writes the append-only file before it replies, so a killed process loses nothing
+  // acknowledged (unless an fsync had stalled the disk for seconds).
+  RedisServer redis(RedisServer::Listen::kLoopback, {"--appendonly", "yes"});
   ASSERT_TRUE(redis.start()) << redis.problem();
   bool restarted = false;
 
@@ -349,11 +345,13 @@ TEST_F(SharedServiceOnACluster, ServersSpreadOverThePrimariesEachDeliveringItsEv
   for (std::size_t s = 2; s < servers.size(); ++s) primaries.insert(primaryOf(servers[s]));
   EXPECT_EQ(received, expected);
   EXPECT_GE(primaries.size(), 2u);
-  for (const int primary : primaries) EXPECT_GT(cluster->keyCount(primary), 0) << primary;
+  for (const int primary : primaries) {
+    EXPECT_GT(RedisServer::number(cluster->node(primary)->command({"DBSIZE"})), 0) << primary;
+  }
 }
 
 TEST_F(SharedServiceOnACluster, WrongPasswordAndUnreachableSeedFailAtOnceSayingSo) {
-  const std::string seed = "127.0.0.1:" + std::to_string(cluster->primaryPorts().front());
+  const std::string seed = "127.0.0.1:" + std::to_string(primaryOf("seed"));
   const auto failure = [](const std::string& service) {
     return ChildProcess([service] {
              setenv("KSMEM_SERVICE", service.c_str(), 1);
@@ -429,7 +427,8 @@ TEST_F(SharedServiceOnACluster, KilledPrimaryFailsOverLosingNoAcknowledgedEvent)
       server, [&](int) { return cluster->url(); },
       [&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        killed = cluster->killPrimary(primary);
+        killed = cluster->node(primary) != nullptr;
+        if (killed) cluster->node(primary)->kill();
         failedOver = cluster->waitUntilOk();
       });
 
