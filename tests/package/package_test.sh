@@ -46,18 +46,8 @@ echo "names every command and option of ksmem --help"
 
 echo "--- install into a clean Debian 12 root"
 # The mirror of Debian 12 that this machine's apt uses.
-mirror=$( { cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null || true; } |
-          sed 's/\[[^]]*\]//' | awk '$1 == "deb" && $3 == "bookworm" { print $2 }')
-mirror=${mirror:-$( { cat /etc/apt/sources.list.d/*.sources 2>/dev/null || true; } |
-  awk 'BEGIN { RS = ""; FS = "\n" }
-       { uri = ""; deb = 0; bookworm = 0; off = 0
-         for (i = 1; i <= NF; i++) {
-           if ($i ~ /^URIs:/) { split($i, f, " "); uri = f[2] }
-           if ($i ~ /^Types:/ && $i ~ /[: ]deb( |$)/) deb = 1
-           if ($i ~ /^Suites:/ && $i ~ /[: ]bookworm( |$)/) bookworm = 1
-           if ($i ~ /^Enabled: *no/) off = 1 }
-         if (uri != "" && deb && bookworm && !off) print uri }')}
-mirror=$(head -n1 <<<"${mirror:-http://deb.debian.org/debian}")
+mirror=$(apt-cache policy | awk '$3 == "bookworm/main" { print $2; exit }')
+mirror=${mirror:-http://deb.debian.org/debian}
 mirror=${mirror%/}
 if ! wget -q --spider --tries=1 --timeout=20 "$mirror/dists/bookworm/Release"; then
   echo "skipped: the Debian mirror $mirror (from this machine's apt sources) cannot be reached"
