@@ -7,10 +7,9 @@
 #include <map>
 #include <thread>
 
-#include "client/KsMEMConnection.h"
+#include "tests/standin/Calls.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
-using List = std::vector<std::string>;
 
 namespace {
 
@@ -38,28 +37,22 @@ TEST(ConcurrentSessionsTest, EightThreadsDeliverEveryEventExactlyOnce) {
 
   auto session = [&](int t) {
     try {
-      std::string server = "concurrent", client = "c" + std::to_string(t), locale = "en";
-      std::string correlation = "thread-" + std::to_string(t);
-      List clients;
+      const std::string client = "c" + std::to_string(t);
       KsMEMConnection connection;
-      connection.registerClient(server, client, locale, clients);
+      registerAs(connection, "concurrent", client);
       registered.arriveAndWait();
 
       for (int i = 0; i < kEventsPerThread; ++i) {
         // A copy posts, and goes again: the XML library must stay up for everyone else.
-        KsMEMConnection copy(connection);
-        std::string event = "<e from=\"" + client + "\" n=\"" + std::to_string(i) + "\"/>";
-        List queuedFor;
-        copy.putEvents(event, queuedFor, correlation);
-        if (queuedFor.size() != kThreads - 1) failures[t] += "queued for too few; ";
-        KsMEMConnection other;
+        KsMEMConnection copy(connection), other;
+        const std::string event = "<e from=\"" + client + "\" n=\"" + std::to_string(i) + "\"/>";
+        if (post(copy, event).size() != kThreads - 1) failures[t] += "queued for too few; ";
         if (other.getStatus() != 0) failures[t] += "status; ";
       }
       posted.arriveAndWait();
 
-      std::string events;
-      connection.getEvents(events, clients, correlation);
-      received[t] = events;
+      received[t] = fetch(connection);
+      List clients;
       connection.unregisterClient(clients);
     } catch (const Exception& e) {
       failures[t] += e.getMessage();

@@ -22,13 +22,13 @@
 
 #include "client/KsMEMConnection.h"
 #include "client/KsMemBinding.h"
+#include "tests/standin/Calls.h"
 #include "tests/standin/ChildProcess.h"
 #include "tests/standin/FaultyRelay.h"
 #include "tests/standin/RedisCluster.h"
 #include "tests/standin/RedisServer.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
-using List = std::vector<std::string>;
 
 namespace {
 
@@ -56,25 +56,6 @@ class OwnRedisEnvironment : public ::testing::Environment {
 const auto* const environment = ::testing::AddGlobalTestEnvironment(new OwnRedisEnvironment);
 
 constexpr char kRedisOnly[] = "needs a redis-server of its own: run with KSMEM_TEST_SERVICE=redis";
-
-void registerAs(KsMEMConnection& connection, std::string server, std::string client) {
-  std::string locale;
-  List clients;
-  connection.registerClient(server, client, locale, clients);
-}
-
-void post(KsMEMConnection& connection, std::string event) {
-  std::string correlation = "c";
-  List queuedFor;
-  connection.putEvents(event, queuedFor, correlation);
-}
-
-std::string fetch(KsMEMConnection& connection) {
-  std::string events, correlation = "c";
-  List clients;
-  connection.getEvents(events, clients, correlation);
-  return events;
-}
 
 // One exchange straight through the transport's entries, in the text form: the reply, or
 // "failed" when a call fails.
