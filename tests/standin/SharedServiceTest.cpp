@@ -241,8 +241,8 @@ TEST(SharedServiceInRedis, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
   if (ownRedis == nullptr) GTEST_SKIP() << kRedisOnly;
   RedisServer redis(RedisServer::Listen::kLoopback);
   ASSERT_TRUE(redis.start()) << redis.problem();
-  // One reply in ten is lost: through one relay the connection breaks there, through the other
-  // nothing more comes and the caller's time limit passes. A poster and a receiver use each.
+  // About one reply in ten is lost: through one relay the connection breaks there, through the
+  // other nothing more comes and the caller's time limit passes. A poster and a receiver use each.
   FaultyRelay breaking(redis, FaultyRelay::Loss::kCloseConnection, 10, 7);
   FaultyRelay silent(redis, FaultyRelay::Loss::kKeepSilent, 10, 11);
 
