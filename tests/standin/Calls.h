@@ -34,4 +34,15 @@ inline std::string fetch(KsMEMConnection& connection) {
   return events;
 }
 
+// The message of the `Failure` that `action` throws, or "no failure".
+template <typename Failure, typename Action>
+std::string failureOf(Action action) {
+  try {
+    action();
+  } catch (const Failure& e) {
+    return e.getMessage();
+  }
+  return "no failure";
+}
+
 #endif  // KSMEM_TESTS_STANDIN_CALLS_H_

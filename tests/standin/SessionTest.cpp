@@ -44,23 +44,14 @@ TEST(SessionTest, ClientsOfAServerReceiveEachOthersEventsOnceByteForByteAndRefus
   std::string noServer, nobody = "nobody", locale;
   List ignored;
   KsMEMConnection(oddOne).unregisterClient(ignored);  // the copy leaves, oddOne stays
-  try {
-    KsMEMConnection().registerClient(noServer, nobody, locale, ignored);
-    ADD_FAILURE() << "registered without a server";
-  } catch (const KsMEMProtocolException& e) {
-    EXPECT_EQ(e.getMessage(),
-              "Client \"nobody\" cannot register without a server identifier: the request's "
-              "\"Server-ID\" header is empty or missing.");
-  }
-  try {
-    post(oddOne, "too late");
-    ADD_FAILURE() << "posted unregistered";
-  } catch (const KsMEMProtocolException& e) {
-    EXPECT_EQ(e.getMessage(), "Client \"" + odd +
-                                  "\" is not registered with the Model Event Manager under server "
-                                  "\"plant-7\", so it cannot call putEvents; it must call "
-                                  "registerClient first.");
-  }
+  EXPECT_EQ(failureOf<KsMEMProtocolException>(
+                [&] { KsMEMConnection().registerClient(noServer, nobody, locale, ignored); }),
+            "Client \"nobody\" cannot register without a server identifier: the request's "
+            "\"Server-ID\" header is empty or missing.");
+  EXPECT_EQ(failureOf<KsMEMProtocolException>([&] { post(oddOne, "too late"); }),
+            "Client \"" + odd +
+                "\" is not registered with the Model Event Manager under server \"plant-7\", so "
+                "it cannot call putEvents; it must call registerClient first.");
   EXPECT_THROW(oddOne.unregisterClient(ignored), Exception);
   EXPECT_EQ(alice.getStatus(), 0);
 }

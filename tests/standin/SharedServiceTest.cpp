@@ -338,12 +338,8 @@ TEST_F(SharedServiceOnACluster, WrongPasswordAndUnreachableSeedFailAtOnceSayingS
              setenv("KSMEM_SERVICE", service.c_str(), 1);
              KsMEMConnection connection;
              const auto start = std::chrono::steady_clock::now();
-             std::string text = "no failure";
-             try {
-               registerAs(connection, "plant-7", "alice");
-             } catch (const KsMEMConnectionException& e) {
-               text = e.getMessage();
-             }
+             const std::string text = failureOf<KsMEMConnectionException>(
+                 [&] { registerAs(connection, "plant-7", "alice"); });
              const bool quick = std::chrono::steady_clock::now() - start < std::chrono::seconds(2);
              return quick ? text : "took too long: " + text;
            })
@@ -381,12 +377,7 @@ TEST_F(SharedServiceOnACluster, PostFailsWhenNoReplicaTakesItsWriteInTime) {
           std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         replica->suspend(true);
-        std::string text = "no failure";
-        try {
-          post(alice, "news");
-        } catch (const KsMEMConnectionException& e) {
-          text = e.getMessage();
-        }
+        const std::string text = failureOf<KsMEMConnectionException>([&] { post(alice, "news"); });
         replica->suspend(false);
         return text;
       }).output();
@@ -427,14 +418,10 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
              setenv("KSMEM_SERVICE", "embedded", 1);
              std::string results =
                  std::to_string(first) + " " + std::to_string(KsMem_Init(malloc, free));
-             if (first == 0) return results;
-             try {
-               KsMEMConnection connection;
-               registerAs(connection, "s", "c");
-             } catch (const KsMEMConnectionException& e) {
-               results += " " + e.getMessage();
-             }
-             return results;
+             KsMEMConnection connection;
+             return first == 0 ? results : results + " " + failureOf<KsMEMConnectionException>([&] {
+                                             registerAs(connection, "s", "c");
+                                           });
            })
         .output();
   };
