@@ -442,7 +442,7 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
       {"redis-cluster://:hunter2@a:7000,b:7001/0", "redis-cluster://:***@a:7000,b:7001/0",
        "a Redis Cluster has no database but 0, so the form has no \"/DB\""},
       {"redis-cluster://a:7000,:7001", "redis-cluster://a:7000,:7001", "no host is given"},
-      {"redis://:pa/ss?@host:99999", "redis://:***@host:99999",
+      {"redis://:pa/s@s?@host:99999", "redis://:***@host:99999",
        "the port \"99999\" is not a number from 1 to 65535"},
       {"redis://fe80::1", "redis://fe80::1", "an IPv6 address goes in brackets, as in [::1]:6379"},
       {"redis://host/x", "redis://host/x", "the database \"x\" is not a whole number"},
