@@ -1,5 +1,6 @@
 // SharedClientIDs and its base BaseObject: the XML written and read, lists that are only ever
-// appended to, and the reference count that copies carry and clones restart.
+// appended to, and the reference count that copies carry and clones restart; and the namespace
+// scopes of the XmlStream it writes to.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -113,6 +114,20 @@ TEST(BaseObjectTest, ClonesStartAtZeroWhileCopiesCarryTheCountAndMovesTakeTheLis
   EXPECT_EQ(entriesOf(*clone), (List{"kept", "first", "a"}));
   EXPECT_EQ(entriesOf(moved), List{"kept"});
   EXPECT_EQ(entriesOf(assigned), (List{"kept", "first"}));
+}
+
+TEST(XmlStreamTest, RemoveNamespaceDropsOnlyAPrefixItsScopeMade) {
+  XmlStream xml;
+  xml.removeNamespace("urn:a");  // no scope open: nothing happens
+  xml.addNamespaces({"urn:kept"});
+  EXPECT_TRUE(xml.addNamespace("urn:a"));
+  EXPECT_FALSE(xml.addNamespace("urn:kept"));
+  xml.removeNamespace("urn:kept");
+  xml.removeNamespace("urn:a");
+
+  EXPECT_EQ(xml.getPrefix("urn:kept") + "|" + xml.getPrefix("urn:a"), "ns0|");
+  xml.addNamespace("urn:a");
+  EXPECT_EQ(xml.getPrefix("urn:a"), "ns2");
 }
 
 }  // namespace
