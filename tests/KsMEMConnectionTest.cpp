@@ -15,6 +15,10 @@ namespace {
 const std::string kStatusBody = "KsMEM Status check";
 const std::string kEvents("e1\0\xFF", 4);
 const std::string kNotRegistered = "-2 Client not Registered with Model Event Manager";
+// Replies of the service that lists no client, and bob.
+const std::string kClients = "<?xml version=\"1.0\"?><SharedClientIDs xmlns=\"urn:x\">",
+                  kNoClients = kClients + "</SharedClientIDs>",
+                  kBob = kClients + "<sharedClients>bob</sharedClients></SharedClientIDs>";
 
 // What the caller holds around one operation.
 struct Arguments {
@@ -64,7 +68,7 @@ std::string run(KsMEMConnection& connection, const std::string& operation, Argum
 void scriptReplies(const std::string& operation) {
   if (operation == "getStatus") return st::scriptExchange(kStatusBody);
   if (operation == "getEvents") st::scriptExchange(kEvents);
-  st::scriptExchange(st::clientsReply({"bob"}));
+  st::scriptExchange(kBob);
 }
 
 // A connection registered as (S, alice, en) whose transport has not started: its registration
@@ -81,7 +85,7 @@ void registerWithoutTransport(KsMEMConnection& connection) {
 // Whether getSharedClients gets past its registration check to the transport.
 bool isRegistered(KsMEMConnection& connection) {
   Arguments ignored;
-  st::scriptExchange(st::clientsReply({}));
+  st::scriptExchange(kNoClients);
   return run(connection, "getSharedClients", ignored).empty();
 }
 
@@ -157,7 +161,7 @@ TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregiste
   List clients;
   const auto registerAs = [&](std::string server, std::string client, std::string locale) {
     st::reset();
-    st::scriptExchange(st::clientsReply({}));
+    st::scriptExchange(kNoClients);
     connection.registerClient(server, client, locale, clients);
   };
   registerAs("S", "\xE9", "");
@@ -173,7 +177,7 @@ TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregiste
   EXPECT_EQ(st::thrownBy([&] { connection.unregisterClient(clients); }),
             "DomException Unexpected node name: other");
   EXPECT_TRUE(isRegistered(connection));
-  st::scriptExchange(st::clientsReply({}));
+  st::scriptExchange(kNoClients);
   connection.unregisterClient(clients);
   EXPECT_FALSE(isRegistered(connection));
   st::reset();

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <tuple>
 
 #include "client/KsMEMRequest.h"
 #include "client/KsMemBinding.h"
@@ -59,11 +60,7 @@ TEST(KsMEMRequestTest, StreamFormSendsTheBlockThenTheBodyInChunksOf4098BytesWhen
 const std::string kReply = std::string(19, 'a') + std::string(20, 'b') + std::string("z\0z", 3);
 
 TEST(KsMEMRequestTest, StatusDecidesWhetherTheBodyGoesOutAndWhatComesNext) {
-  const struct {
-    std::vector<int32_t> statuses;
-    std::string outcome;
-    size_t texts;
-  } cases[] = {
+  const std::tuple<std::vector<int32_t>, std::string, size_t> cases[] = {
       {{KSMEM_STATUS_BODY_WANTED, KSMEM_STATUS_BODY_WANTED, KSMEM_STATUS_GO_ON}, kReply, 2},
       {{KSMEM_STATUS_NO_MORE_TO_SEND}, kReply, 1},
       {{KSMEM_STATUS_GO_ON}, kReply, 1},
@@ -73,17 +70,17 @@ TEST(KsMEMRequestTest, StatusDecidesWhetherTheBodyGoesOutAndWhatComesNext) {
        1},
       {{KSMEM_END_OF_REPLY}, "KsMEMUnrecognisedException 0 scripted failure", 1},
   };
-  for (const auto& c : cases) {
+  for (const auto& [statuses, outcome, texts] : cases) {
     st::reset();
-    for (int32_t status : c.statuses) st::script(st::Receive, status);
+    for (int32_t status : statuses) st::script(st::Receive, status);
     for (const std::string& bytes :
          {kReply.substr(0, 19), kReply.substr(19, 20), std::string(), kReply.substr(39)}) {
       st::deliver(bytes);
     }
 
-    EXPECT_EQ(exchange("body"), c.outcome);
-    EXPECT_EQ(st::texts().size(), c.texts) << c.outcome;
-    EXPECT_EQ(st::count(st::Complete), c.outcome == kReply ? 1 : 0) << c.outcome;
+    EXPECT_EQ(exchange("body"), outcome);
+    EXPECT_EQ(st::texts().size(), texts) << outcome;
+    EXPECT_EQ(st::count(st::Complete), outcome == kReply ? 1 : 0) << outcome;
   }
 }
 
@@ -101,27 +98,22 @@ TEST(KsMEMRequestTest, ChunkAcceptedWithZeroEndsTheBody) {
 
 TEST(KsMEMRequestTest, ReplyMayReach1GiBAndADeliveryMayFillTheBufferButNoMore) {
   const int full = KSMEM_RECEIVE_BUFFER_SIZE, gib = (1 << 30) / full;
-  const std::string tooLarge = "The reply is too large: it exceeds 1073741824 bytes.",
-                    tooMuch =
-                        "The transport delivered 16385 bytes at once, more than its buffer "
-                        "of 16384 bytes holds.";
-  const struct {
-    int fullDeliveries;
-    int32_t last;
-    std::string outcome;
-  } cases[] = {{gib, 0, "1073741824 bytes"},
-               {gib, 1, "KsMEMRuntimeException 0 " + tooLarge},
-               {1, 0, "16384 bytes"},
-               {0, full + 1, "KsMEMProtocolException 0 " + tooMuch}};
-  for (const auto& c : cases) {
+  const std::tuple<int, int32_t, std::string> cases[] = {
+      {gib, 0, "1073741824 bytes"},
+      {gib, 1, "KsMEMRuntimeException 0 The reply is too large: it exceeds 1073741824 bytes."},
+      {1, 0, "16384 bytes"},
+      {0, full + 1,
+       "KsMEMProtocolException 0 The transport delivered 16385 bytes at once, more than its buffer "
+       "of 16384 bytes holds."}};
+  for (const auto& [fullDeliveries, last, outcome] : cases) {
     st::reset();
     st::script(st::Receive, KSMEM_STATUS_NO_MORE_TO_SEND);
-    for (int i = 0; i < c.fullDeliveries; ++i) st::script(st::Receive, full);
-    if (c.last != 0) st::script(st::Receive, c.last);
+    for (int i = 0; i < fullDeliveries; ++i) st::script(st::Receive, full);
+    if (last != 0) st::script(st::Receive, last);
 
     const std::string reply = exchange("body");
 
-    EXPECT_EQ(reply.size() < 200 ? reply : std::to_string(reply.size()) + " bytes", c.outcome);
+    EXPECT_EQ(reply.size() < 200 ? reply : std::to_string(reply.size()) + " bytes", outcome);
   }
 }
 
@@ -156,10 +148,7 @@ TEST(KsMEMRequestTest, InitialiseFailsOnAnyResultButZeroAndTerminateOnNegativeOn
 TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTheMessage) {
   st::reset();
   st::setLastError("text");
-  const struct {
-    std::vector<int32_t> codes;
-    std::string thrown;
-  } classes[] = {
+  const std::pair<std::vector<int32_t>, std::string> classes[] = {
       {{KSMEM_ERR_INIT_CONNECTION, KSMEM_ERR_CONNECTION_HIGHEST, KSMEM_ERR_CONNECTION_HIGHEST - 1,
         KSMEM_ERR_CONNECTION_LOWEST + 1, KSMEM_ERR_CONNECTION_LOWEST,
         KSMEM_ERR_SERVICE_UNREACHABLE},
@@ -177,24 +166,21 @@ TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTh
         KSMEM_STATUS_BODY_WANTED},
        "KsMEMUnrecognisedException 0 text"},
   };
-  for (const auto& expected : classes) {
-    for (int32_t code : expected.codes)
-      EXPECT_EQ(st::thrownBy([=] { throwTransportFailure(code); }), expected.thrown) << code;
+  for (const auto& [codes, thrown] : classes) {
+    for (int32_t code : codes)
+      EXPECT_EQ(st::thrownBy([=] { throwTransportFailure(code); }), thrown) << code;
   }
 }
 
 TEST(TransportFailureTest, LastErrorTextStandsInWithAFixedTextWhenTheTransportGivesNone) {
-  const struct {
-    const char* text;
-    int32_t result;
-    std::string message;
-  } answers[] = {{"text", 0, "text"},
-                 {nullptr, 0, "No error message received"},
-                 {nullptr, -1, "Could not retrieve last error message."},
-                 {"stale", 3, ""}};
-  for (const auto& answer : answers) {
-    st::setLastError(answer.text, answer.result);
-    EXPECT_EQ(getLastErrorText(), answer.message);
+  const std::tuple<const char*, int32_t, std::string> answers[] = {
+      {"text", 0, "text"},
+      {nullptr, 0, "No error message received"},
+      {nullptr, -1, "Could not retrieve last error message."},
+      {"stale", 3, ""}};
+  for (const auto& [text, result, message] : answers) {
+    st::setLastError(text, result);
+    EXPECT_EQ(getLastErrorText(), message);
   }
 }
 

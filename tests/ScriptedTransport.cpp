@@ -74,13 +74,6 @@ void scriptExchange(std::shared_ptr<const std::string> reply) {
   state.scripts[Receive].push_back({0, std::move(reply), true});
 }
 
-std::string clientsReply(const std::vector<std::string>& clients) {
-  std::string reply = "<?xml version=\"1.0\"?><SharedClientIDs xmlns=\"urn:x\">";
-  for (const std::string& client : clients)
-    reply += "<sharedClients>" + client + "</sharedClients>";
-  return reply + "</SharedClientIDs>";
-}
-
 void failCall(size_t position, int32_t code) {
   state.failPosition = position;
   state.failCode = code;

@@ -34,8 +34,6 @@ void scriptExchange(std::shared_ptr<const std::string> reply);
 inline void scriptExchange(std::string reply) {
   scriptExchange(std::make_shared<const std::string>(std::move(reply)));
 }
-// The reply document of the service that lists `clients`.
-std::string clientsReply(const std::vector<std::string>& clients);
 
 // The call at `position` (counting every call from 0, KsMem_GetLastError not included) returns
 // `code` and takes nothing from the script.

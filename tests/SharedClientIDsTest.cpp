@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 
 #include "client/KsMEMConnection.h"
 #include "schemas/_2009_06/base/Namespace.h"
@@ -61,11 +62,7 @@ TEST_F(SharedClientIDsTest, ParseAppendsEveryEntryUntilAChildOfAnotherName) {
   source.setSharedClients(entries);
   XmlStream written;
   source.outputXML(written, "SharedClientIDs");
-  const struct {
-    std::string reply;
-    List entries;
-    std::string failure;
-  } replies[] = {
+  const std::tuple<std::string, List, std::string> replies[] = {
       {written.str(), entriesOf(objectWith(entries)), ""},
       {"<r xmlns:o='urn:o'><sharedClients>a</sharedClients><o:sharedClients/></r>",
        {"kept", "first", "a", ""},
@@ -74,12 +71,12 @@ TEST_F(SharedClientIDsTest, ParseAppendsEveryEntryUntilAChildOfAnotherName) {
        {"kept", "first", "a"},
        "DomException Unexpected node name: SharedClients"},
   };
-  for (const auto& reply : replies) {
+  for (const auto& [reply, appended, failure] : replies) {
     SharedClientIDs object = objectWith({});
     Net::KsModelEventManager::Util::SAXToNodeParser parser;
-    EXPECT_EQ(ScriptedTransport::thrownBy([&] { object.parse(*parser.parseString(reply.reply)); }),
-              reply.failure);
-    EXPECT_EQ(entriesOf(object), reply.entries);
+    const auto& root = *parser.parseString(reply);  // a binding, which a lambda cannot capture
+    EXPECT_EQ(ScriptedTransport::thrownBy([&] { object.parse(root); }), failure);
+    EXPECT_EQ(entriesOf(object), appended);
   }
 }
 

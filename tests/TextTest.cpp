@@ -88,20 +88,13 @@ TEST(Utf8Test, TextOfAnyLengthComesThroughWholeAcrossPassesOf20480Units) {
   // 20479 units in front put the two units of U+1F600 into two passes; the euros put three
   // bytes across the end of a pass.
   std::string euros;
-  while (euros.size() < 100000)
-    euros +=
-        "\xE2\x82\xAC"
-        "a";
-  for (const std::string& text : {std::string(),
-                                  std::string(20479, 'a') + "\xF0\x9F\x98\x80"
-                                                            "b",
-                                  euros.substr(0, 20480), euros}) {
+  while (euros.size() < 100000) euros += "\u20ACa";
+  for (const std::string& text :
+       {std::string(), std::string(20479, 'a') + "\U0001F600b", euros.substr(0, 20480), euros}) {
     EXPECT_EQ(to(text), text);
     EXPECT_EQ(from(text), text);
   }
-  EXPECT_EQ(to("\xE9") + to("a\xE9z"),
-            "\xEF\xBF\xBD"
-            "a\xEF\xBF\xBDz");  // U+FFFD, whole
+  EXPECT_EQ(to("\xE9") + to("a\xE9z"), "\uFFFDa\uFFFDz");  // a replacement character, whole
   EXPECT_EQ(to(std::string("ab\0cd", 5)), "ab");
 }
 
