@@ -27,8 +27,10 @@ struct Arguments {
   std::string correlation = "job-9";
 };
 
-// The header block of a connection registered as server S, client alice, locale en.
-std::string registeredBlock(const std::string& correlation, const std::string& operation) {
+// The header block of a connection registered as server S, client alice, locale en, with the
+// operation's own correlation identifier unless the caller gives one.
+std::string registeredBlock(const std::string& operation, std::string correlation = "") {
+  if (correlation.empty()) correlation = "KsMEMConnection." + operation;
   return "Client-ID=alice\r\nLocale=en\r\nLog-Correlation-ID=" + correlation +
          "\r\nOperation-Name=" + operation + "\r\nServer-ID=S\r\nService-Name=KsMEMRequest\r\n\r\n";
 }
@@ -40,14 +42,11 @@ const struct {
      "Locale=en\r\nLog-Correlation-ID=KsMEMConnection.getStatus\r\nOperation-Name=getStatus\r\n"
      "Service-Name=KsMEMRequest\r\n\r\n",
      kStatusBody},
-    {"registerClient", registeredBlock("KsMEMConnection.registerClient", "registerClient"),
-     "KsMEM register client"},
-    {"unregisterClient", registeredBlock("KsMEMConnection.unregisterClient", "unregisterClient"),
-     "KsMEM unregister client"},
-    {"getEvents", registeredBlock("job-9", "getEvents"), "Get Events Request"},
-    {"putEvents", registeredBlock("job-9", "putEvents"), Arguments().events},
-    {"getSharedClients", registeredBlock("KsMEMConnection.getSharedClients", "getSharedClients"),
-     "KsMEM getClients Operation"},
+    {"registerClient", registeredBlock("registerClient"), "KsMEM register client"},
+    {"unregisterClient", registeredBlock("unregisterClient"), "KsMEM unregister client"},
+    {"getEvents", registeredBlock("getEvents", "job-9"), "Get Events Request"},
+    {"putEvents", registeredBlock("putEvents", "job-9"), Arguments().events},
+    {"getSharedClients", registeredBlock("getSharedClients"), "KsMEM getClients Operation"},
 };
 
 // Runs `operation` as (S, alice, en) with the caller's `a`; what it throws, or its result.
@@ -103,9 +102,7 @@ TEST(KsMEMConnectionTest, EachOperationSendsItsHeadersAndBodyAndFillsTheCallersA
       sent.insert(sent.end(), {kOperations[5].block, kOperations[5].body});
     EXPECT_EQ(List(st::texts()), sent);
     const bool reads = operation.name != "getStatus", replaces = operation.name == "getEvents";
-    EXPECT_EQ(arguments.clients, replaces ? List({"bob"})
-                                 : reads  ? List({"x", "bob"})
-                                          : List({"x"}));
+    EXPECT_EQ(arguments.clients, (replaces ? List{"bob"} : reads ? List{"x", "bob"} : List{"x"}));
     EXPECT_EQ(arguments.events, replaces ? kEvents : Arguments().events);
   }
 }

@@ -41,18 +41,17 @@ TEST(KsMEMRequestTest, HeaderBlockOrdersNamesAsBytesKeepsFirstValuesAndRendersEx
 }
 
 TEST(KsMEMRequestTest, StreamFormSendsTheBlockThenTheBodyInChunksOf4098BytesWhenAskedTo) {
-  for (size_t size : {0, 4098, 4099, 10000}) {
+  const std::pair<size_t, std::string> bodies[] = {
+      {0, "28 "}, {4098, "28 4098 "}, {4099, "28 4098 1 "}, {10000, "28 4098 4098 1804 "}};
+  for (const auto& [size, chunks] : bodies) {
     st::reset();
     st::scriptExchange("reply");
 
     EXPECT_EQ(exchange(std::string(size, 'a')), "reply");
 
-    std::string chunks;
-    for (const std::string& text : st::texts()) chunks += std::to_string(text.size()) + " ";
-    EXPECT_EQ(chunks, size == 0      ? "28 "
-                      : size == 4098 ? "28 4098 "
-                      : size == 4099 ? "28 4098 1 "
-                                     : "28 4098 4098 1804 ");
+    std::string sent;
+    for (const std::string& text : st::texts()) sent += std::to_string(text.size()) + " ";
+    EXPECT_EQ(sent, chunks);
   }
 }
 
@@ -166,10 +165,9 @@ TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTh
         KSMEM_STATUS_BODY_WANTED},
        "KsMEMUnrecognisedException 0 text"},
   };
-  for (const auto& [codes, thrown] : classes) {
+  for (const auto& [codes, thrown] : classes)
     for (int32_t code : codes)
       EXPECT_EQ(st::thrownBy([=] { throwTransportFailure(code); }), thrown) << code;
-  }
 }
 
 TEST(TransportFailureTest, LastErrorTextStandsInWithAFixedTextWhenTheTransportGivesNone) {

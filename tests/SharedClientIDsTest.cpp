@@ -36,8 +36,8 @@ List entriesOf(const SharedClientIDs& object) {
 }
 
 class SharedClientIDsTest : public ::testing::Test {
-  const Net::KsModelEventManager::Client::KsMEMConnection
-      xmlLibrary;  // holds the XML library started
+  // Holds the XML library started.
+  const Net::KsModelEventManager::Client::KsMEMConnection xmlLibrary;
 };
 
 TEST_F(SharedClientIDsTest, OutputXMLDeclaresTheNamespaceOnTheFirstElementAndPrefixesEveryChild) {

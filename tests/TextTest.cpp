@@ -55,9 +55,8 @@ TEST(StringConversionsTest, NumbersAndBooleansGoToTextAndBackAsDocumented) {
   EXPECT_EQ(stringToDouble("2.5e3xyz") + stringToFloat("x1.5") + stringToFloat("1.5"), 2501.5);
   EXPECT_EQ(intToString(-2147483647 - 1) + boolToString(true) + boolToString(false),
             "-214748364810");
-  for (const char* text : {"true", "1", "0", "True", "", " 1"}) {
+  for (const char* text : {"true", "1", "0", "True", "", " 1"})
     EXPECT_EQ(stringToBool(text), text == std::string("true") || text == std::string("1")) << text;
-  }
   EXPECT_EQ(splitString("a,b,,c,", ','), (std::vector<std::string>{"a", "b", "", "c", ""}));
   EXPECT_EQ(splitString("", ','), std::vector<std::string>{""});
 }
@@ -79,10 +78,8 @@ TEST(StringConversionsTest, FloatingPointIgnoresTheGlobalLocaleWhileIntegersFoll
   EXPECT_EQ(read, 3.5);
 }
 
-std::string to(const std::string& s) { return toUtf8(s.data(), static_cast<int32_t>(s.size())); }
-std::string from(const std::string& s) {
-  return fromUtf8(s.data(), static_cast<int32_t>(s.size()));
-}
+std::string to(const std::string& s) { return toUtf8(s.data(), static_cast<int>(s.size())); }
+std::string from(const std::string& s) { return fromUtf8(s.data(), static_cast<int>(s.size())); }
 
 TEST(Utf8Test, TextOfAnyLengthComesThroughWholeAcrossPassesOf20480Units) {
   // 20479 units in front put the two units of U+1F600 into two passes; the euros put three
