@@ -56,7 +56,9 @@ TEST(KsMEMRequestTest, StreamFormSendsTheBlockThenTheBodyInChunksOf4098BytesWhen
 }
 
 // Deliveries of 19 and 20 bytes, none and a zero byte: counts, once the reply is running.
-const std::string kReply = std::string(19, 'a') + std::string(20, 'b') + std::string("z\0z", 3);
+const std::string kDeliveries[] = {std::string(19, 'a'), std::string(20, 'b'), "",
+                                   std::string("z\0z", 3)};
+const std::string kReply = kDeliveries[0] + kDeliveries[1] + kDeliveries[3];
 
 TEST(KsMEMRequestTest, StatusDecidesWhetherTheBodyGoesOutAndWhatComesNext) {
   const std::tuple<std::vector<int32_t>, std::string, size_t> cases[] = {
@@ -72,10 +74,7 @@ TEST(KsMEMRequestTest, StatusDecidesWhetherTheBodyGoesOutAndWhatComesNext) {
   for (const auto& [statuses, outcome, texts] : cases) {
     st::reset();
     for (int32_t status : statuses) st::script(st::Receive, status);
-    for (const std::string& bytes :
-         {kReply.substr(0, 19), kReply.substr(19, 20), std::string(), kReply.substr(39)}) {
-      st::deliver(bytes);
-    }
+    for (const std::string& bytes : kDeliveries) st::deliver(bytes);
 
     EXPECT_EQ(exchange("body"), outcome);
     EXPECT_EQ(st::texts().size(), texts) << outcome;

@@ -96,14 +96,13 @@ size_t sentBytes() { return state.sentBytes; }
 
 std::string thrownBy(const std::function<void()>& action) {
   using namespace Kestrane::Net::KsModelEventManager;
-  // The class of the object in flight; typeid of the caught reference would name the base, as
-  // the classes have no virtual members.
+  // The class of the object in flight, without namespaces; typeid of the caught reference would
+  // name the base, as the classes have no virtual members.
   const auto describe = [](const auto& e, const std::string& type) {
     const std::unique_ptr<char, decltype(&std::free)> name(
         abi::__cxa_demangle(abi::__cxa_current_exception_type()->name(), nullptr, nullptr, nullptr),
         std::free);
-    const std::string full = name.get();
-    return full.substr(full.rfind("::") + 2) + " " + type + e.getMessage();
+    return std::strrchr(name.get(), ':') + 1 + (" " + type) + e.getMessage();
   };
   try {
     action();

@@ -82,21 +82,19 @@ TEST_F(SharedClientIDsTest, ParseAppendsEveryEntryUntilAChildOfAnotherName) {
 
 // A schema object that notes its own end.
 struct Probe : SharedClientIDs {
-  explicit Probe(bool* deleted) : deleted(deleted) {}
-  ~Probe() override { *deleted = true; }
-  bool* deleted;
+  ~Probe() override { deleted = true; }
+  static inline bool deleted = false;
 };
 
 TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletes) {
-  bool deleted = false;
-  BaseObject* object = new Probe(&deleted);
+  BaseObject* object = new Probe;
   object->unref();  // to -1
   object->ref();
   object->ref();
   EXPECT_EQ(object->askRefCount(), 1);
-  EXPECT_FALSE(deleted);
+  EXPECT_FALSE(Probe::deleted);
   object->unref();
-  EXPECT_TRUE(deleted);
+  EXPECT_TRUE(Probe::deleted);
 }
 
 TEST(BaseObjectTest, ClonesStartAtZeroWhileCopiesCarryTheCountAndMovesTakeTheList) {

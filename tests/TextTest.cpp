@@ -63,13 +63,12 @@ TEST(StringConversionsTest, NumbersAndBooleansGoToTextAndBackAsDocumented) {
 
 // With a comma-decimal global locale, floating point stays in the "C" locale.
 TEST(StringConversionsTest, FloatingPointIgnoresTheGlobalLocaleWhileIntegersFollowIt) {
-  std::locale german;
+  std::locale previous;
   try {
-    german = std::locale("de_DE.UTF-8");
+    previous = std::locale::global(std::locale("de_DE.UTF-8"));
   } catch (const std::runtime_error&) {
     GTEST_SKIP() << "locale de_DE.UTF-8 is not installed (scripts/install-deps.sh makes it)";
   }
-  const std::locale previous = std::locale::global(german);
   const std::string texts = doubleToString(1.5) + " " + intToString(1234567);
   const double read = stringToDouble("1.5") + stringToFloat("2,5");
   std::locale::global(previous);
