@@ -15,6 +15,10 @@ namespace {
 const std::string kStatusBody = "KsMEM Status check";
 const std::string kEvents("e1\0\xFF", 4);
 const std::string kNotRegistered = "-2 Client not Registered with Model Event Manager";
+// Replies of the service that lists no client, and bob.
+const std::string kClients = "<?xml version=\"1.0\"?><SharedClientIDs xmlns=\"urn:x\">",
+                  kNoClients = kClients + "</SharedClientIDs>",
+                  kBob = kClients + "<sharedClients>bob</sharedClients></SharedClientIDs>";
 
 // What the caller holds around one operation.
 struct Arguments {
@@ -23,8 +27,10 @@ struct Arguments {
   std::string correlation = "job-9";
 };
 
-// The header block of a connection registered as server S, client alice, locale en.
-std::string registeredBlock(const std::string& correlation, const std::string& operation) {
+// The header block of a connection registered as server S, client alice, locale en, with the
+// operation's own correlation identifier unless the caller gives one.
+std::string registeredBlock(const std::string& operation, std::string correlation = "") {
+  if (correlation.empty()) correlation = "KsMEMConnection." + operation;
   return "Client-ID=alice\r\nLocale=en\r\nLog-Correlation-ID=" + correlation +
          "\r\nOperation-Name=" + operation + "\r\nServer-ID=S\r\nService-Name=KsMEMRequest\r\n\r\n";
 }
@@ -36,14 +42,11 @@ const struct {
      "Locale=en\r\nLog-Correlation-ID=KsMEMConnection.getStatus\r\nOperation-Name=getStatus\r\n"
      "Service-Name=KsMEMRequest\r\n\r\n",
      kStatusBody},
-    {"registerClient", registeredBlock("KsMEMConnection.registerClient", "registerClient"),
-     "KsMEM register client"},
-    {"unregisterClient", registeredBlock("KsMEMConnection.unregisterClient", "unregisterClient"),
-     "KsMEM unregister client"},
-    {"getEvents", registeredBlock("job-9", "getEvents"), "Get Events Request"},
-    {"putEvents", registeredBlock("job-9", "putEvents"), Arguments().events},
-    {"getSharedClients", registeredBlock("KsMEMConnection.getSharedClients", "getSharedClients"),
-     "KsMEM getClients Operation"},
+    {"registerClient", registeredBlock("registerClient"), "KsMEM register client"},
+    {"unregisterClient", registeredBlock("unregisterClient"), "KsMEM unregister client"},
+    {"getEvents", registeredBlock("getEvents", "job-9"), "Get Events Request"},
+    {"putEvents", registeredBlock("putEvents", "job-9"), Arguments().events},
+    {"getSharedClients", registeredBlock("getSharedClients"), "KsMEM getClients Operation"},
 };
 
 // Runs `operation` as (S, alice, en) with the caller's `a`; what it throws, or its result.
@@ -64,7 +67,7 @@ std::string run(KsMEMConnection& connection, const std::string& operation, Argum
 void scriptReplies(const std::string& operation) {
   if (operation == "getStatus") return st::scriptExchange(kStatusBody);
   if (operation == "getEvents") st::scriptExchange(kEvents);
-  st::scriptExchange(st::clientsReply({"bob"}));
+  st::scriptExchange(kBob);
 }
 
 // A connection registered as (S, alice, en) whose transport has not started: its registration
@@ -81,7 +84,7 @@ void registerWithoutTransport(KsMEMConnection& connection) {
 // Whether getSharedClients gets past its registration check to the transport.
 bool isRegistered(KsMEMConnection& connection) {
   Arguments ignored;
-  st::scriptExchange(st::clientsReply({}));
+  st::scriptExchange(kNoClients);
   return run(connection, "getSharedClients", ignored).empty();
 }
 
@@ -99,9 +102,7 @@ TEST(KsMEMConnectionTest, EachOperationSendsItsHeadersAndBodyAndFillsTheCallersA
       sent.insert(sent.end(), {kOperations[5].block, kOperations[5].body});
     EXPECT_EQ(List(st::texts()), sent);
     const bool reads = operation.name != "getStatus", replaces = operation.name == "getEvents";
-    EXPECT_EQ(arguments.clients, replaces ? List({"bob"})
-                                 : reads  ? List({"x", "bob"})
-                                          : List({"x"}));
+    EXPECT_EQ(arguments.clients, (replaces ? List{"bob"} : reads ? List{"x", "bob"} : List{"x"}));
     EXPECT_EQ(arguments.events, replaces ? kEvents : Arguments().events);
   }
 }
@@ -157,7 +158,7 @@ TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregiste
   List clients;
   const auto registerAs = [&](std::string server, std::string client, std::string locale) {
     st::reset();
-    st::scriptExchange(st::clientsReply({}));
+    st::scriptExchange(kNoClients);
     connection.registerClient(server, client, locale, clients);
   };
   registerAs("S", "\xE9", "");
@@ -173,7 +174,7 @@ TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregiste
   EXPECT_EQ(st::thrownBy([&] { connection.unregisterClient(clients); }),
             "DomException Unexpected node name: other");
   EXPECT_TRUE(isRegistered(connection));
-  st::scriptExchange(st::clientsReply({}));
+  st::scriptExchange(kNoClients);
   connection.unregisterClient(clients);
   EXPECT_FALSE(isRegistered(connection));
   st::reset();

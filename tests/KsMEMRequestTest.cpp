@@ -1,11 +1,14 @@
 // One exchange of KsMEMRequest with the scripted transport: what goes out, in which calls, and
-// how the statuses and deliveries that come back are taken.
+// how the statuses and deliveries that come back are taken; and throwTransportFailure, the class
+// a result code selects and the message the transport's last error text makes.
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <tuple>
 
 #include "client/KsMEMRequest.h"
 #include "client/KsMemBinding.h"
+#include "client/TransportFailure.h"
 #include "tests/ScriptedTransport.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
@@ -38,30 +41,27 @@ TEST(KsMEMRequestTest, HeaderBlockOrdersNamesAsBytesKeepsFirstValuesAndRendersEx
 }
 
 TEST(KsMEMRequestTest, StreamFormSendsTheBlockThenTheBodyInChunksOf4098BytesWhenAskedTo) {
-  for (size_t size : {0, 4098, 4099, 10000}) {
+  const std::pair<size_t, std::string> bodies[] = {
+      {0, "28 "}, {4098, "28 4098 "}, {4099, "28 4098 1 "}, {10000, "28 4098 4098 1804 "}};
+  for (const auto& [size, chunks] : bodies) {
     st::reset();
     st::scriptExchange("reply");
 
     EXPECT_EQ(exchange(std::string(size, 'a')), "reply");
 
-    std::string chunks;
-    for (const std::string& text : st::texts()) chunks += std::to_string(text.size()) + " ";
-    EXPECT_EQ(chunks, size == 0      ? "28 "
-                      : size == 4098 ? "28 4098 "
-                      : size == 4099 ? "28 4098 1 "
-                                     : "28 4098 4098 1804 ");
+    std::string sent;
+    for (const std::string& text : st::texts()) sent += std::to_string(text.size()) + " ";
+    EXPECT_EQ(sent, chunks);
   }
 }
 
 // Deliveries of 19 and 20 bytes, none and a zero byte: counts, once the reply is running.
-const std::string kReply = std::string(19, 'a') + std::string(20, 'b') + std::string("z\0z", 3);
+const std::string kDeliveries[] = {std::string(19, 'a'), std::string(20, 'b'), "",
+                                   std::string("z\0z", 3)};
+const std::string kReply = kDeliveries[0] + kDeliveries[1] + kDeliveries[3];
 
 TEST(KsMEMRequestTest, StatusDecidesWhetherTheBodyGoesOutAndWhatComesNext) {
-  const struct {
-    std::vector<int32_t> statuses;
-    std::string outcome;
-    size_t texts;
-  } cases[] = {
+  const std::tuple<std::vector<int32_t>, std::string, size_t> cases[] = {
       {{KSMEM_STATUS_BODY_WANTED, KSMEM_STATUS_BODY_WANTED, KSMEM_STATUS_GO_ON}, kReply, 2},
       {{KSMEM_STATUS_NO_MORE_TO_SEND}, kReply, 1},
       {{KSMEM_STATUS_GO_ON}, kReply, 1},
@@ -71,17 +71,14 @@ TEST(KsMEMRequestTest, StatusDecidesWhetherTheBodyGoesOutAndWhatComesNext) {
        1},
       {{KSMEM_END_OF_REPLY}, "KsMEMUnrecognisedException 0 scripted failure", 1},
   };
-  for (const auto& c : cases) {
+  for (const auto& [statuses, outcome, texts] : cases) {
     st::reset();
-    for (int32_t status : c.statuses) st::script(st::Receive, status);
-    for (const std::string& bytes :
-         {kReply.substr(0, 19), kReply.substr(19, 20), std::string(), kReply.substr(39)}) {
-      st::deliver(bytes);
-    }
+    for (int32_t status : statuses) st::script(st::Receive, status);
+    for (const std::string& bytes : kDeliveries) st::deliver(bytes);
 
-    EXPECT_EQ(exchange("body"), c.outcome);
-    EXPECT_EQ(st::texts().size(), c.texts) << c.outcome;
-    EXPECT_EQ(st::count(st::Complete), c.outcome == kReply ? 1 : 0) << c.outcome;
+    EXPECT_EQ(exchange("body"), outcome);
+    EXPECT_EQ(st::texts().size(), texts) << outcome;
+    EXPECT_EQ(st::count(st::Complete), outcome == kReply ? 1 : 0) << outcome;
   }
 }
 
@@ -99,27 +96,22 @@ TEST(KsMEMRequestTest, ChunkAcceptedWithZeroEndsTheBody) {
 
 TEST(KsMEMRequestTest, ReplyMayReach1GiBAndADeliveryMayFillTheBufferButNoMore) {
   const int full = KSMEM_RECEIVE_BUFFER_SIZE, gib = (1 << 30) / full;
-  const std::string tooLarge = "The reply is too large: it exceeds 1073741824 bytes.",
-                    tooMuch =
-                        "The transport delivered 16385 bytes at once, more than its buffer "
-                        "of 16384 bytes holds.";
-  const struct {
-    int fullDeliveries;
-    int32_t last;
-    std::string outcome;
-  } cases[] = {{gib, 0, "1073741824 bytes"},
-               {gib, 1, "KsMEMRuntimeException 0 " + tooLarge},
-               {1, 0, "16384 bytes"},
-               {0, full + 1, "KsMEMProtocolException 0 " + tooMuch}};
-  for (const auto& c : cases) {
+  const std::tuple<int, int32_t, std::string> cases[] = {
+      {gib, 0, "1073741824 bytes"},
+      {gib, 1, "KsMEMRuntimeException 0 The reply is too large: it exceeds 1073741824 bytes."},
+      {1, 0, "16384 bytes"},
+      {0, full + 1,
+       "KsMEMProtocolException 0 The transport delivered 16385 bytes at once, more than its buffer "
+       "of 16384 bytes holds."}};
+  for (const auto& [fullDeliveries, last, outcome] : cases) {
     st::reset();
     st::script(st::Receive, KSMEM_STATUS_NO_MORE_TO_SEND);
-    for (int i = 0; i < c.fullDeliveries; ++i) st::script(st::Receive, full);
-    if (c.last != 0) st::script(st::Receive, c.last);
+    for (int i = 0; i < fullDeliveries; ++i) st::script(st::Receive, full);
+    if (last != 0) st::script(st::Receive, last);
 
     const std::string reply = exchange("body");
 
-    EXPECT_EQ(reply.size() < 200 ? reply : std::to_string(reply.size()) + " bytes", c.outcome);
+    EXPECT_EQ(reply.size() < 200 ? reply : std::to_string(reply.size()) + " bytes", outcome);
   }
 }
 
@@ -149,6 +141,44 @@ TEST(KsMEMRequestTest, InitialiseFailsOnAnyResultButZeroAndTerminateOnNegativeOn
             "KsMEMUnrecognisedException 0 scripted failure");
   EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "");
   EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "KsMEMProtocolException 0 scripted failure");
+}
+
+TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTheMessage) {
+  st::reset();
+  st::setLastError("text");
+  const std::pair<std::vector<int32_t>, std::string> classes[] = {
+      {{KSMEM_ERR_INIT_CONNECTION, KSMEM_ERR_CONNECTION_HIGHEST, KSMEM_ERR_CONNECTION_HIGHEST - 1,
+        KSMEM_ERR_CONNECTION_LOWEST + 1, KSMEM_ERR_CONNECTION_LOWEST,
+        KSMEM_ERR_SERVICE_UNREACHABLE},
+       "KsMEMConnectionException 0 text"},
+      {{KSMEM_ERR_INIT_PROTOCOL, KSMEM_ERR_UNKNOWN_CLIENT, KSMEM_ERR_UNKNOWN_OPERATION,
+        KSMEM_ERR_MALFORMED_REQUEST},
+       "KsMEMProtocolException 0 text"},
+      {{KSMEM_ERR_INIT_RUNTIME, KSMEM_ERR_SERVICE_REFUSED, KSMEM_ERR_TRANSPORT_FAULT,
+        KSMEM_ERR_OUT_OF_TURN},
+       "KsMEMRuntimeException 0 text"},
+      // The neighbours of those, and the results that are no failure codes.
+      {{KSMEM_ERR_INIT_RUNTIME + 1, KSMEM_ERR_UNKNOWN_CLIENT + 1, KSMEM_ERR_UNKNOWN_CLIENT - 1,
+        KSMEM_ERR_CONNECTION_HIGHEST + 1, KSMEM_ERR_CONNECTION_LOWEST - 1, KSMEM_ERR_NO_TEXT,
+        KSMEM_ERR_MALFORMED_REQUEST - 1, KSMEM_END_OF_REPLY, KSMEM_STATUS_GO_ON,
+        KSMEM_STATUS_BODY_WANTED},
+       "KsMEMUnrecognisedException 0 text"},
+  };
+  for (const auto& [codes, thrown] : classes)
+    for (int32_t code : codes)
+      EXPECT_EQ(st::thrownBy([=] { throwTransportFailure(code); }), thrown) << code;
+}
+
+TEST(TransportFailureTest, LastErrorTextStandsInWithAFixedTextWhenTheTransportGivesNone) {
+  const std::tuple<const char*, int32_t, std::string> answers[] = {
+      {"text", 0, "text"},
+      {nullptr, 0, "No error message received"},
+      {nullptr, -1, "Could not retrieve last error message."},
+      {"stale", 3, ""}};
+  for (const auto& [text, result, message] : answers) {
+    st::setLastError(text, result);
+    EXPECT_EQ(getLastErrorText(), message);
+  }
 }
 
 }  // namespace

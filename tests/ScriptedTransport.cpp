@@ -1,8 +1,12 @@
 #include "tests/ScriptedTransport.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <optional>
 
 #include "client/Exception.h"
 #include "client/KsMemBinding.h"
@@ -23,8 +27,7 @@ struct State {
   std::vector<std::string> texts;
   size_t sentBytes = 0;
   std::deque<Result> scripts[GetLastError];
-  std::string lastErrorText = "scripted failure";
-  bool lastErrorIsNull = false;
+  std::optional<std::string> lastErrorText = "scripted failure";
   int32_t lastErrorResult = 0;
   bool recording = true;
   size_t position = 0;  // of the next call, KsMem_GetLastError not counted
@@ -71,25 +74,13 @@ void scriptExchange(std::shared_ptr<const std::string> reply) {
   state.scripts[Receive].push_back({0, std::move(reply), true});
 }
 
-void scriptExchange(std::string reply) {
-  scriptExchange(std::make_shared<const std::string>(std::move(reply)));
-}
-
-std::string clientsReply(const std::vector<std::string>& clients) {
-  std::string reply = "<?xml version=\"1.0\"?><SharedClientIDs xmlns=\"urn:x\">";
-  for (const std::string& client : clients)
-    reply += "<sharedClients>" + client + "</sharedClients>";
-  return reply + "</SharedClientIDs>";
-}
-
 void failCall(size_t position, int32_t code) {
   state.failPosition = position;
   state.failCode = code;
 }
 
 void setLastError(const char* text, int32_t result) {
-  state.lastErrorIsNull = text == nullptr;
-  state.lastErrorText = text != nullptr ? text : "";
+  state.lastErrorText = text != nullptr ? std::optional<std::string>(text) : std::nullopt;
   state.lastErrorResult = result;
 }
 
@@ -105,27 +96,23 @@ size_t sentBytes() { return state.sentBytes; }
 
 std::string thrownBy(const std::function<void()>& action) {
   using namespace Kestrane::Net::KsModelEventManager;
-  const auto text = [](const char* name, const Client::Exception& e) {
-    return name + (" " + std::to_string(e.getType())) + " " + e.getMessage();
+  // The class of the object in flight, without namespaces; typeid of the caught reference would
+  // name the base, as the classes have no virtual members.
+  const auto describe = [](const auto& e, const std::string& type) {
+    const std::unique_ptr<char, decltype(&std::free)> name(
+        abi::__cxa_demangle(abi::__cxa_current_exception_type()->name(), nullptr, nullptr, nullptr),
+        std::free);
+    return std::strrchr(name.get(), ':') + 1 + (" " + type) + e.getMessage();
   };
   try {
     action();
-  } catch (const Client::KsMEMConnectionException& e) {
-    return text("KsMEMConnectionException", e);
-  } catch (const Client::KsMEMProtocolException& e) {
-    return text("KsMEMProtocolException", e);
-  } catch (const Client::KsMEMRuntimeException& e) {
-    return text("KsMEMRuntimeException", e);
-  } catch (const Client::KsMEMUnrecognisedException& e) {
-    return text("KsMEMUnrecognisedException", e);
   } catch (const Client::Exception& e) {
-    return text("Exception", e);
+    return describe(e, std::to_string(e.getType()) + " ");
   } catch (const Client::KsMEMProtocolException* e) {
-    const std::string thrown = text("KsMEMProtocolException*", *e);
-    delete e;
-    return thrown;
+    const std::unique_ptr<const Client::KsMEMProtocolException> owned(e);
+    return describe(*e, std::to_string(e->getType()) + " ");
   } catch (const Util::DomException& e) {
-    return "DomException " + e.getMessage();
+    return describe(e, "");
   }
   return "";
 }
@@ -146,7 +133,7 @@ int32_t KsMem_Complete(void) { return answer(Complete, 0); }
 
 int32_t KsMem_GetLastError(const char** text) {
   if (state.recording) state.calls.push_back(GetLastError);
-  *text = state.lastErrorIsNull ? nullptr : state.lastErrorText.c_str();
+  *text = state.lastErrorText ? state.lastErrorText->c_str() : nullptr;
   return state.lastErrorResult;
 }
 

@@ -31,9 +31,9 @@ void deliver(const std::string& bytes);
 // bytes, then the end of the reply. The reply is shared, not copied, so that a benchmark can
 // script a large one for every exchange.
 void scriptExchange(std::shared_ptr<const std::string> reply);
-void scriptExchange(std::string reply);
-// The reply document of the service that lists `clients`.
-std::string clientsReply(const std::vector<std::string>& clients);
+inline void scriptExchange(std::string reply) {
+  scriptExchange(std::make_shared<const std::string>(std::move(reply)));
+}
 
 // The call at `position` (counting every call from 0, KsMem_GetLastError not included) returns
 // `code` and takes nothing from the script.

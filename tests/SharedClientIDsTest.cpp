@@ -1,8 +1,10 @@
 // SharedClientIDs and its base BaseObject: the XML written and read, lists that are only ever
-// appended to, and the reference count that copies carry and clones restart.
+// appended to, and the reference count that copies carry and clones restart; and the namespace
+// scopes of the XmlStream it writes to.
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 
 #include "client/KsMEMConnection.h"
 #include "schemas/_2009_06/base/Namespace.h"
@@ -34,8 +36,8 @@ List entriesOf(const SharedClientIDs& object) {
 }
 
 class SharedClientIDsTest : public ::testing::Test {
-  const Net::KsModelEventManager::Client::KsMEMConnection
-      xmlLibrary;  // holds the XML library started
+  // Holds the XML library started.
+  const Net::KsModelEventManager::Client::KsMEMConnection xmlLibrary;
 };
 
 TEST_F(SharedClientIDsTest, OutputXMLDeclaresTheNamespaceOnTheFirstElementAndPrefixesEveryChild) {
@@ -60,11 +62,7 @@ TEST_F(SharedClientIDsTest, ParseAppendsEveryEntryUntilAChildOfAnotherName) {
   source.setSharedClients(entries);
   XmlStream written;
   source.outputXML(written, "SharedClientIDs");
-  const struct {
-    std::string reply;
-    List entries;
-    std::string failure;
-  } replies[] = {
+  const std::tuple<std::string, List, std::string> replies[] = {
       {written.str(), entriesOf(objectWith(entries)), ""},
       {"<r xmlns:o='urn:o'><sharedClients>a</sharedClients><o:sharedClients/></r>",
        {"kept", "first", "a", ""},
@@ -73,32 +71,30 @@ TEST_F(SharedClientIDsTest, ParseAppendsEveryEntryUntilAChildOfAnotherName) {
        {"kept", "first", "a"},
        "DomException Unexpected node name: SharedClients"},
   };
-  for (const auto& reply : replies) {
+  for (const auto& [reply, appended, failure] : replies) {
     SharedClientIDs object = objectWith({});
     Net::KsModelEventManager::Util::SAXToNodeParser parser;
-    EXPECT_EQ(ScriptedTransport::thrownBy([&] { object.parse(*parser.parseString(reply.reply)); }),
-              reply.failure);
-    EXPECT_EQ(entriesOf(object), reply.entries);
+    const auto& root = *parser.parseString(reply);  // a binding, which a lambda cannot capture
+    EXPECT_EQ(ScriptedTransport::thrownBy([&] { object.parse(root); }), failure);
+    EXPECT_EQ(entriesOf(object), appended);
   }
 }
 
 // A schema object that notes its own end.
 struct Probe : SharedClientIDs {
-  explicit Probe(bool* deleted) : deleted(deleted) {}
-  ~Probe() override { *deleted = true; }
-  bool* deleted;
+  ~Probe() override { deleted = true; }
+  static inline bool deleted = false;
 };
 
 TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletes) {
-  bool deleted = false;
-  BaseObject* object = new Probe(&deleted);
+  BaseObject* object = new Probe;
   object->unref();  // to -1
   object->ref();
   object->ref();
   EXPECT_EQ(object->askRefCount(), 1);
-  EXPECT_FALSE(deleted);
+  EXPECT_FALSE(Probe::deleted);
   object->unref();
-  EXPECT_TRUE(deleted);
+  EXPECT_TRUE(Probe::deleted);
 }
 
 TEST(BaseObjectTest, ClonesStartAtZeroWhileCopiesCarryTheCountAndMovesTakeTheList) {
@@ -113,6 +109,20 @@ TEST(BaseObjectTest, ClonesStartAtZeroWhileCopiesCarryTheCountAndMovesTakeTheLis
   EXPECT_EQ(entriesOf(*clone), (List{"kept", "first", "a"}));
   EXPECT_EQ(entriesOf(moved), List{"kept"});
   EXPECT_EQ(entriesOf(assigned), (List{"kept", "first"}));
+}
+
+TEST(XmlStreamTest, RemoveNamespaceDropsOnlyAPrefixItsScopeMade) {
+  XmlStream xml;
+  xml.removeNamespace("urn:a");  // no scope open: nothing happens
+  xml.addNamespaces({"urn:kept"});
+  EXPECT_TRUE(xml.addNamespace("urn:a"));
+  EXPECT_FALSE(xml.addNamespace("urn:kept"));
+  xml.removeNamespace("urn:kept");
+  xml.removeNamespace("urn:a");
+
+  EXPECT_EQ(xml.getPrefix("urn:kept") + "|" + xml.getPrefix("urn:a"), "ns0|");
+  xml.addNamespace("urn:a");
+  EXPECT_EQ(xml.getPrefix("urn:a"), "ns2");
 }
 
 }  // namespace
