@@ -174,23 +174,11 @@ class RedisServer {
   bool launch() {
     const std::string log = directory + "/redis.log";
     const std::string port = std::to_string(tcpPort);
-    std::vector<std::string> args = {"redis-server",
-                                     "--save",
-                                     "",
-                                     "--dir",
-                                     directory,
-                                     "--logfile",
-                                     log,
-                                     "--port",
-                                     port,
-                                     "--bind",
-                                     "127.0.0.1",
-                                     "--unixsocket",
-                                     socketPath,
-                                     "--requirepass",
-                                     password,
-                                     "--appendonly",
-                                     "no"};
+    std::vector<std::string> args = {"redis-server", "--save",    "",         "--dir",
+                                     directory,      "--logfile", log,        "--port",
+                                     port,           "--bind",    "127.0.0.1"};
+    args.insert(args.end(),
+                {"--unixsocket", socketPath, "--requirepass", password, "--appendonly", "no"});
     args.insert(args.end(), moreArguments.begin(), moreArguments.end());
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
