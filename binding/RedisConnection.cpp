@@ -139,9 +139,9 @@ void RedisConnection::open() {
     fail<NotConnected>("cannot reach the service at ", context->errstr);
   }
   std::vector<RedisCommand> setUp;
-  if (!url.password.empty() && url.user.empty()) setUp.push_back({"AUTH", url.password});
-  if (!url.password.empty() && !url.user.empty()) {
-    setUp.push_back({"AUTH", url.user, url.password});
+  if (!url.password.empty()) {
+    setUp.push_back(url.user.empty() ? RedisCommand{"AUTH", url.password}
+                                     : RedisCommand{"AUTH", url.user, url.password});
   }
   const std::string db = std::to_string(url.db);
   if (url.db != 0) setUp.push_back({"SELECT", db});

@@ -79,7 +79,7 @@ RedisRouter::Node& RedisRouter::nodeAt(const std::string& host, int port) {
   return *nodes.back();
 }
 
-bool RedisRouter::readSlotMap() {
+void RedisRouter::readSlotMap() {
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     Node& asked = *nodes[i];
     RedisReply map;
@@ -112,9 +112,8 @@ bool RedisRouter::readSlotMap() {
       const long long last = std::min(kSlots - 1LL, range.element[1]->integer);
       for (long long slot = first; slot <= last; ++slot) slotOwner[slot] = &owner;
     }
-    return true;
+    return;
   }
-  return false;
 }
 
 RedisRouter::Node& RedisRouter::nodeOf(int slot) {

@@ -16,7 +16,6 @@
 #define KSMEM_BINDING_REDISROUTER_H_
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -54,8 +53,8 @@ class RedisRouter {
   // The node of `slot` as far as is known; the map is read first if there is none.
   Node& nodeOf(int slot);
   Node& nodeAt(const std::string& host, int port);
-  // Reads the slot map from the first node that answers; false if none does.
-  bool readSlotMap();
+  // Reads the slot map from the first node that answers; leaves it as it was if none does.
+  void readSlotMap();
   // Sends `parts` to `node`; with `replicated`, and where the node has replicas, WAIT with it.
   RedisReply send(Node& node, const RedisCommand& parts, bool replicated);
   // The replicas connected to a node, as its reply to ROLE says (0 for a node that is no

@@ -333,12 +333,10 @@ std::vector<ServiceBackend::Backlog> RedisService::getClientBacklogs(const std::
   const RedisReply head = request({"HGET", keys.head, "n"});
   const RedisReply first = request({"XRANGE", keys.log, "-", "+", "COUNT", "1"});
   const RedisReply cursors = request({"HGETALL", keys.cursors});
-  const RedisReply clients = request({"ZRANGE", keys.clients, "0", "-1"});
   const auto isString = [](const redisReply* reply) { return reply->type == REDIS_REPLY_STRING; };
   if (time->type != REDIS_REPLY_ARRAY || time->elements != 2 || !isString(time->element[0]) ||
       !isString(time->element[1]) || (head->type != REDIS_REPLY_NIL && !isString(head.get())) ||
-      first->type != REDIS_REPLY_ARRAY || cursors->type != REDIS_REPLY_ARRAY ||
-      clients->type != REDIS_REPLY_ARRAY) {
+      first->type != REDIS_REPLY_ARRAY || cursors->type != REDIS_REPLY_ARRAY) {
     redis.last().unexpected();
   }
   const int64_t nowMs =
@@ -354,9 +352,9 @@ std::vector<ServiceBackend::Backlog> RedisService::getClientBacklogs(const std::
     cursorOf[text(*cursors->element[i])] = text(*cursors->element[i + 1]);
   }
   std::vector<Backlog> backlogs;
-  for (std::size_t i = 0; i < clients->elements; ++i) {
-    if (!isString(clients->element[i])) redis.last().unexpected();
-    Backlog backlog{text(*clients->element[i])};
+  const std::optional<ClientIDs> clients = clientsOf(request({"ZRANGE", keys.clients, "0", "-1"}));
+  for (const std::string& client : clients.value_or(ClientIDs())) {
+    Backlog backlog{client};
     const std::string& cursor = cursorOf[backlog.clientID];
     const std::size_t space = cursor.find(' ');
     const uint64_t position = std::strtoull(cursor.c_str() + space + 1, nullptr, 10);
