@@ -58,7 +58,7 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   // Waits for the child and gives what `work` returned. A child that threw or died counts as
-  // a test failure.
+  // a test failure, and gives "".
   std::string output() {
     std::string text;
     char chunk[65536];
@@ -71,6 +71,7 @@ class ChildProcess {
     if (pid > 0 && waitpid(pid, &status, 0) == pid &&
         !(WIFEXITED(status) && WEXITSTATUS(status) == 0)) {
       ADD_FAILURE() << "child process " << pid << " failed: " << text;
+      text.clear();
     }
     pid = -1;
     return text;

@@ -66,7 +66,7 @@ class RedisServer {
   using Reply = std::vector<std::string>;
 
   // Starts redis-server and waits until it answers PING, which it does only once it has loaded
-  // its append-only file. False, with problem() saying why, when redis-server is not installed,
+  // its append-only file, and names its own process id. False, with problem() saying why, when redis-server is not installed,
   // does not answer within ten seconds, or the options are unusable. On loopback the first
   // start picks a port from 20000 to 30000, leaving room for the cluster bus port (port +
   // 10000), and picks again when that or the bus port is taken; later starts keep it.
@@ -172,6 +172,7 @@ class RedisServer {
   }
 
   bool launch() {
+    connection.reset();
     const std::string log = directory + "/redis.log";
     const std::string port = std::to_string(tcpPort);
     std::vector<std::string> args = {"redis-server", "--save",    "",         "--dir",
@@ -210,7 +211,11 @@ class RedisServer {
         return fail("redis-server stopped at once: " +
                     std::string(std::istreambuf_iterator<char>(text), {}));
       }
-      if (command({"PING"}) == Reply{"PONG"}) return true;
+      // Another server may hold the port, ours then stops at once; only ours gives our pid.
+      if (command({"PING"}) == Reply{"PONG"} &&
+          field(command({"INFO", "server"}), "process_id") == std::to_string(process)) {
+        return true;
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     kill();
