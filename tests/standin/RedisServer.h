@@ -66,10 +66,11 @@ class RedisServer {
   using Reply = std::vector<std::string>;
 
   // Starts redis-server and waits until it answers PING, which it does only once it has loaded
-  // its append-only file, and names its own process id. False, with problem() saying why, when redis-server is not installed,
-  // does not answer within ten seconds, or the options are unusable. On loopback the first
-  // start picks a port from 20000 to 30000, leaving room for the cluster bus port (port +
-  // 10000), and picks again when that or the bus port is taken; later starts keep it.
+  // its append-only file, and names its own process id. False, with problem() saying why, when
+  // redis-server is not installed, does not answer within ten seconds, or the options are
+  // unusable. On loopback the first start picks a port from 20000 to 30000, leaving room for
+  // the cluster bus port (port + 10000), and picks again when that or the bus port is taken;
+  // later starts keep it.
   // REQUIRES: not running.
   bool start() {
     static std::mt19937 random(std::random_device{}());
