@@ -118,8 +118,8 @@ ServiceResult ServiceBackend::serve(const std::string& operation, const std::str
     if (serverID.empty()) {
       return {KSMEM_ERR_MALFORMED_REQUEST,
               "Client \"" + clientID +
-                  "\" cannot register without a server identifier: the "
-                  "request's \"Server-ID\" header is empty or missing."};
+                  "\" cannot register without a server identifier: the request's "
+                  "\"Server-ID\" header is empty or missing."};
     }
     return {0, sharedClientIDsDocument(registerClient(serverID, clientID))};
   }
@@ -155,8 +155,7 @@ ServiceResult ServiceBackend::serve(const std::string& operation, const std::str
     if (body.size() > kMaxEventBytes) {
       return {KSMEM_ERR_MALFORMED_REQUEST,
               "The event is " + std::to_string(body.size()) +
-                  " bytes long; the Model Event Manager takes events of at "
-                  "most " +
+                  " bytes long; the Model Event Manager takes events of at most " +
                   std::to_string(kMaxEventBytes) + " bytes."};
     }
     clients = putEvents(serverID, clientID, body);
