@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <sstream>
 #include <thread>
 
 namespace Kestrane::Net::KsModelEventManager::Binding {
@@ -122,13 +123,36 @@ RedisRouter::Node& RedisRouter::nodeOf(int slot) {
   return slotOwner[slot] != nullptr ? *slotOwner[slot] : *nodes.front();
 }
 
-int RedisRouter::replicasIn(const redisReply& role) {
+void RedisRouter::readRole(Node& node, const redisReply& role) {
   // A primary answers ["master", offset, [[host, port, offset], ...]].
-  if (role.type != REDIS_REPLY_ARRAY || role.elements < 3 ||
-      role.element[2]->type != REDIS_REPLY_ARRAY) {
-    return 0;
+  const bool primary = role.type == REDIS_REPLY_ARRAY && role.elements >= 3 &&
+                       role.element[2]->type == REDIS_REPLY_ARRAY;
+  node.replicas = primary ? static_cast<int>(role.element[2]->elements) : 0;
+  if (node.replicas > 0) node.alone = false;
+}
+
+bool RedisRouter::standsAlone(Node& node) {
+  if (node.alone) return true;
+  const RedisReply view = node.connection->command({"CLUSTER", "NODES"});
+  if (view->type != REDIS_REPLY_STRING) return false;
+  // A line per node: ID ADDRESS FLAGS PRIMARY-ID ..., the flags such as "myself,master",
+  // "slave" or "slave,fail"; "fail?" is this node's suspicion alone, not yet the cluster's.
+  std::string self;
+  std::vector<std::string> primariesOfWorkingReplicas;
+  std::istringstream lines(std::string(view->str, view->len));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    std::string id, address, flags, primary;
+    fields >> id >> address >> flags >> primary;
+    flags = "," + flags + ",";
+    const auto has = [&](const char* flag) { return flags.find(flag) != std::string::npos; };
+    if (has(",myself,") && !has(",master,")) return false;
+    if (has(",myself,")) self = id;
+    if (has(",slave,") && !has(",fail,")) primariesOfWorkingReplicas.push_back(primary);
   }
-  return static_cast<int>(role.element[2]->elements);
+  node.alone = !self.empty() && std::count(primariesOfWorkingReplicas.begin(),
+                                           primariesOfWorkingReplicas.end(), self) == 0;
+  return node.alone;
 }
 
 RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replicated) {
@@ -144,17 +168,18 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
   if (replies[0]->type == REDIS_REPLY_ERROR) return std::move(replies[0]);
   RedisReply acknowledged = std::move(replies[1]);
   if (node.replicas == 0) {
-    node.replicas = replicasIn(*acknowledged);
-    if (node.replicas == 0) return std::move(replies[0]);
+    readRole(node, *acknowledged);
+    if (node.replicas == 0 && standsAlone(node)) return std::move(replies[0]);
     acknowledged = node.connection->command(wait);
   }
   // WAIT answers how many replicas have the write.
   if (acknowledged->type == REDIS_REPLY_INTEGER && acknowledged->integer >= 1) {
     return std::move(replies[0]);
   }
-  // No replica took the write: where the primary has lost its replicas since, it stands alone.
-  node.replicas = replicasIn(*node.connection->command(role));
-  if (node.replicas == 0) return std::move(replies[0]);
+  // No replica took the write: where the primary has lost its replicas for good, it stands
+  // alone. Otherwise the write may vanish with this primary, so it does not count.
+  readRole(node, *node.connection->command(role));
+  if (node.replicas == 0 && standsAlone(node)) return std::move(replies[0]);
   ReplyLost unreplicated;
   unreplicated.code = KSMEM_ERR_SERVICE_UNREACHABLE;
   unreplicated.text = "lost the connection to the service at " + url.shown + ": node " +

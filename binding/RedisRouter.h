@@ -8,7 +8,10 @@
 // CLUSTERDOWN, and when a node cannot be reached or its reply is lost (then it reads the map
 // anew, since a replica may have taken over). It gives up when the service's time limit has
 // passed since the command began. A write that changes state can ask to be replicated: it then
-// returns only once its primary has passed it on to a replica (WAIT), where it has one.
+// returns only once its primary has passed it on to a replica (WAIT). A primary stands alone,
+// and its writes count without a replica, only while no replica is connected to it and the
+// cluster has marked each of its replicas as failed: a replica that merely lost its link, or
+// one that has just taken over from a primary that does not know it yet, still counts.
 //
 // A single server is asked once more after a lost reply, and not again after it cannot be
 // reached. Every request is made so that sending it twice does no harm (RedisService).
@@ -48,6 +51,7 @@ class RedisRouter {
     Endpoint address;
     std::unique_ptr<RedisConnection> connection;
     int replicas = 0;  // replicas connected to this primary as it last said; 0 until asked
+    bool alone = false;  // it stood alone when last asked, and no replica has connected since
   };
 
   // The node of `slot` as far as is known; the map is read first if there is none.
@@ -55,11 +59,16 @@ class RedisRouter {
   Node& nodeAt(const std::string& host, int port);
   // Reads the slot map from the first node that answers; leaves it as it was if none does.
   void readSlotMap();
-  // Sends `parts` to `node`; with `replicated`, and where the node has replicas, WAIT with it.
+  // Sends `parts` to `node`; with `replicated`, waits until a replica has the write (WAIT)
+  // unless the node stands alone.
   RedisReply send(Node& node, const RedisCommand& parts, bool replicated);
-  // The replicas connected to a node, as its reply to ROLE says (0 for a node that is no
+  // Takes the replicas connected to `node` from its reply to ROLE (0 for a node that is no
   // primary).
-  static int replicasIn(const redisReply& role);
+  static void readRole(Node& node, const redisReply& role);
+  // Whether `node`, a primary with no replica connected, stands alone: it is still a primary
+  // and its view of the cluster (CLUSTER NODES) names no replica of its own that is not marked
+  // as failed.
+  bool standsAlone(Node& node);
 
   const ServiceURL& url;
   std::vector<std::unique_ptr<Node>> nodes;  // seeds first, then as the map names them

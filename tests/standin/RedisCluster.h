@@ -93,15 +93,17 @@ class RedisCluster {
            fail("the cluster was not ok again within 30 seconds");
   }
 
-  // The running node at `port`, and a replica of the primary at `port` as that primary reports
-  // it now; null when there is none.
+  // The running node at `port`, and a replica in sync with the primary at `port` as that
+  // primary reports it now; null when there is none.
   RedisServer* node(int port) const { return running(port); }
   RedisServer* replicaOf(int port) {
     RedisServer* primary = running(port);
     const std::string replica =  // "slave0:ip=127.0.0.1,port=P,state=online,..."
         primary ? RedisServer::field(primary->command({"INFO", "replication"}), "slave0") : "";
     const std::size_t at = replica.find("port=");
-    return at == std::string::npos ? nullptr : running(std::atoi(replica.c_str() + at + 5));
+    const bool inSync = replica.find("state=online") != std::string::npos;
+    return at == std::string::npos || !inSync ? nullptr
+                                              : running(std::atoi(replica.c_str() + at + 5));
   }
 
  private:

@@ -354,39 +354,59 @@ TEST_F(SharedServiceOnACluster, WrongPasswordAndUnreachableSeedFailAtOnceSayingS
             "cannot reach the service at " + closed + ": node 127.0.0.1:1: Connection refused");
 }
 
-// A post counts only once a replica holds it, so that a failover cannot lose it: with the
-// replica of its primary frozen, it fails within the time limit. The client registers while
-// the primary has lost its replica, and the replica comes back before the post, as after a
-// failover: the replica must be waited for all the same.
-TEST_F(SharedServiceOnACluster, PostFailsWhenNoReplicaTakesItsWriteInTime) {
+// A post counts only once a replica holds it, so that a failover cannot lose it, unless the
+// cluster has marked the primary's replica as failed. In turn, the replica: frozen, its link
+// cut, until marked as failed (the post counts); back in sync and frozen again (it fails within
+// the time limit); alive and out of sync through a wrong password (it fails, as the cluster
+// still counts the replica).
+TEST_F(SharedServiceOnACluster, PostWithoutAReplicaFailsUntilTheClusterHasFailedThatReplica) {
   const std::string server = uniqueServerID("unreplicated");
   const int primary = primaryOf(server);
   RedisServer* replica = cluster->replicaOf(primary);
   ASSERT_NE(replica, nullptr);
-  replica->suspend(true);
-  cluster->node(primary)->command({"CLIENT", "KILL", "TYPE", "replica"});
-  const std::string failure =
+  const std::string password = replica->command({"CONFIG", "GET", "masterauth"}).back();
+  const auto waitFor = [](auto condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  };
+  const auto markedFailed = [&] {  // "ID 127.0.0.1:PORT@BUS-PORT slave,fail PRIMARY-ID ..."
+    const std::string view = cluster->node(primary)->command({"CLUSTER", "NODES"})[0];
+    const std::size_t at = view.find(":" + std::to_string(replica->port()) + "@");
+    return view.substr(at, view.find('\n', at) - at).find(",fail ") != std::string::npos;
+  };
+  const std::string failures =
       ChildProcess([&] {
         setenv("KSMEM_SERVICE", (cluster->url() + "?timeout=400ms").c_str(), 1);
         KsMEMConnection alice;
-        untilDone([&] { registerAs(alice, server, "alice"); });
-        replica->suspend(false);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (cluster->replicaOf(primary) == nullptr &&
-               std::chrono::steady_clock::now() < deadline) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        registerAs(alice, server, "alice");
+        const auto attempt = [&] {
+          return failureOf<KsMEMConnectionException>([&] { post(alice, "news"); });
+        };
         replica->suspend(true);
-        const std::string text = failureOf<KsMEMConnectionException>([&] { post(alice, "news"); });
+        cluster->node(primary)->command({"CLIENT", "KILL", "TYPE", "replica"});
+        waitFor(markedFailed);
+        const std::string failed = attempt();
         replica->suspend(false);
-        return text;
+        waitFor([&] { return cluster->replicaOf(primary) != nullptr; });
+        replica->suspend(true);
+        const std::string frozen = attempt();
+        replica->suspend(false);
+        replica->command({"CONFIG", "SET", "masterauth", "not-the-password"});
+        cluster->node(primary)->command({"CLIENT", "KILL", "TYPE", "replica"});
+        waitFor([&] { return !markedFailed(); });
+        return failed + "|" + frozen + "|" + attempt();
       }).output();
   replica->suspend(false);  // also where the child did not get that far
+  replica->command({"CONFIG", "SET", "masterauth", password});
 
   std::string shown = cluster->url() + "?timeout=400ms";  // "redis-cluster://:PASSWORD@..."
   shown.replace(17, shown.find('@') - 17, "***");
-  EXPECT_EQ(failure, "lost the connection to the service at " + shown + ": node 127.0.0.1:" +
-                         std::to_string(primary) + ": no replica took the write within 200 ms");
+  const std::string refused = "lost the connection to the service at " + shown +
+                              ": node 127.0.0.1:" + std::to_string(primary) +
+                              ": no replica took the write within 200 ms";
+  EXPECT_EQ(failures, "no failure|" + refused + "|" + refused);
   EXPECT_TRUE(cluster->waitUntilOk()) << cluster->problem();
 }
 
