@@ -138,7 +138,7 @@ bool RedisRouter::standsAlone(Node& node) {
   // A line per node: ID ADDRESS FLAGS PRIMARY-ID ..., the flags such as "myself,master",
   // "slave" or "slave,fail"; "fail?" is this node's suspicion alone, not yet the cluster's.
   std::string self;
-  std::vector<std::string> primariesOfWorkingReplicas;
+  std::vector<std::pair<std::string, bool>> replicas;  // each one's primary, and if it failed
   std::istringstream lines(std::string(view->str, view->len));
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
@@ -148,11 +148,18 @@ bool RedisRouter::standsAlone(Node& node) {
     const auto has = [&](const char* flag) { return flags.find(flag) != std::string::npos; };
     if (has(",myself,") && !has(",master,")) return false;
     if (has(",myself,")) self = id;
-    if (has(",slave,") && !has(",fail,")) primariesOfWorkingReplicas.push_back(primary);
+    if (has(",slave,")) replicas.emplace_back(primary, has(",fail,"));
   }
-  node.alone = !self.empty() && std::count(primariesOfWorkingReplicas.begin(),
-                                           primariesOfWorkingReplicas.end(), self) == 0;
-  return node.alone;
+  if (self.empty()) return false;
+  bool any = false, working = false;
+  for (const auto& [primary, failed] : replicas) {
+    any = any || primary == self;
+    working = working || (primary == self && !failed);
+  }
+  // Only a primary without any replica is remembered: a failed one may come back, and until
+  // it is in sync again, the primary must not count a write without it.
+  node.alone = !any;
+  return !working;
 }
 
 RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replicated) {

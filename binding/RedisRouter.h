@@ -51,7 +51,7 @@ class RedisRouter {
     Endpoint address;
     std::unique_ptr<RedisConnection> connection;
     int replicas = 0;  // replicas connected to this primary as it last said; 0 until asked
-    bool alone = false;  // it stood alone when last asked, and no replica has connected since
+    bool alone = false;  // it had no replica at all when last asked, and none has connected
   };
 
   // The node of `slot` as far as is known; the map is read first if there is none.
