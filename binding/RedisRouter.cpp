@@ -123,15 +123,12 @@ RedisRouter::Node& RedisRouter::nodeOf(int slot) {
   return slotOwner[slot] != nullptr ? *slotOwner[slot] : *nodes.front();
 }
 
-void RedisRouter::readRole(Node& node, const redisReply& role) {
+bool RedisRouter::standsAlone(Node& node, const redisReply& role) {
   // A primary answers ["master", offset, [[host, port, offset], ...]].
-  const bool primary = role.type == REDIS_REPLY_ARRAY && role.elements >= 3 &&
-                       role.element[2]->type == REDIS_REPLY_ARRAY;
-  node.replicas = primary ? static_cast<int>(role.element[2]->elements) : 0;
-  if (node.replicas > 0) node.alone = false;
-}
-
-bool RedisRouter::standsAlone(Node& node) {
+  const bool listsReplicas = role.type == REDIS_REPLY_ARRAY && role.elements >= 3 &&
+                             role.element[2]->type == REDIS_REPLY_ARRAY;
+  node.replicas = listsReplicas ? static_cast<int>(role.element[2]->elements) : 0;
+  if (node.replicas > 0) return node.alone = false;
   if (node.alone) return true;
   const RedisReply view = node.connection->command({"CLUSTER", "NODES"});
   if (view->type != REDIS_REPLY_STRING) return false;
@@ -175,8 +172,7 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
   if (replies[0]->type == REDIS_REPLY_ERROR) return std::move(replies[0]);
   RedisReply acknowledged = std::move(replies[1]);
   if (node.replicas == 0) {
-    readRole(node, *acknowledged);
-    if (node.replicas == 0 && standsAlone(node)) return std::move(replies[0]);
+    if (standsAlone(node, *acknowledged)) return std::move(replies[0]);
     acknowledged = node.connection->command(wait);
   }
   // WAIT answers how many replicas have the write.
@@ -185,8 +181,7 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
   }
   // No replica took the write: where the primary has lost its replicas for good, it stands
   // alone. Otherwise the write may vanish with this primary, so it does not count.
-  readRole(node, *node.connection->command(role));
-  if (node.replicas == 0 && standsAlone(node)) return std::move(replies[0]);
+  if (standsAlone(node, *node.connection->command(role))) return std::move(replies[0]);
   ReplyLost unreplicated;
   unreplicated.code = KSMEM_ERR_SERVICE_UNREACHABLE;
   unreplicated.text = "lost the connection to the service at " + url.shown + ": node " +

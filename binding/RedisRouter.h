@@ -63,12 +63,10 @@ class RedisRouter {
   // unless the node stands alone.
   RedisReply send(Node& node, const RedisCommand& parts, bool replicated);
   // Takes the replicas connected to `node` from its reply to ROLE (0 for a node that is no
-  // primary).
-  static void readRole(Node& node, const redisReply& role);
-  // Whether `node`, a primary with no replica connected, stands alone: it is still a primary
-  // and its view of the cluster (CLUSTER NODES) names no replica of its own that is not marked
-  // as failed.
-  bool standsAlone(Node& node);
+  // primary), and tells whether it stands alone: none is connected, it is still a primary and
+  // its view of the cluster (CLUSTER NODES) names no replica of its own that is not marked as
+  // failed.
+  bool standsAlone(Node& node, const redisReply& role);
 
   const ServiceURL& url;
   std::vector<std::unique_ptr<Node>> nodes;  // seeds first, then as the map names them

@@ -68,20 +68,13 @@ class RedisCluster {
   }
 
   // The port of the primary that serves the slot of `key`, hash tag and all, as a running node
-  // sees it (any node but that primary redirects there). While the node answers otherwise, as
-  // when it takes the cluster as down for a moment, asks again for up to ten seconds; 0 when
-  // it has not answered by then.
+  // sees it (any node but that primary redirects there); 0 when it answers otherwise.
   int ownerOf(std::string_view key) {
-    for (const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
-         Clock::now() < deadline; std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
-      RedisServer* node = running();
-      const RedisServer::Reply reply = node ? node->command({"EXISTS", key}) : RedisServer::Reply{};
-      if (RedisServer::number(reply) >= 0) return node->port();
-      if (reply.size() == 1 && reply[0].rfind("MOVED ", 0) == 0) {
-        return std::atoi(reply[0].c_str() + reply[0].rfind(':') + 1);
-      }
-    }
-    return 0;
+    RedisServer* node = running();
+    const RedisServer::Reply reply = node ? node->command({"EXISTS", key}) : RedisServer::Reply{};
+    if (RedisServer::number(reply) >= 0) return node->port();
+    const bool moved = reply.size() == 1 && reply[0].rfind("MOVED ", 0) == 0;
+    return moved ? std::atoi(reply[0].c_str() + reply[0].rfind(':') + 1) : 0;
   }
 
   // Waits until a running node serves every slot, every running node reports the cluster as
