@@ -83,12 +83,18 @@ class Parser {
     }
     std::string_view rest = text.substr(scheme.size());
     // The credentials come off first, and the password leaves the shown text before anything
-    // can fail and name the text. They end at the "@" before the hosts, which the hosts and
-    // options never hold, or before the socket path, which starts with "/"; so a raw "/", "?"
-    // or "@" in a password stays in it.
+    // can fail and name the text. They end at the last "@" before the hosts, which the hosts
+    // and options never hold, or at the last "@/", where the socket path starts; so a raw "/",
+    // "?" or "@" in a password stays in it. A form not understood may hold a password too: all
+    // of it before its last "@" is hidden.
+    const std::size_t lastAt = text.rfind('@'), separator = text.find("://");
+    if (scheme.empty() && lastAt != std::string_view::npos) {
+      const std::size_t hidden = separator < lastAt ? separator + 3 : 0;
+      url.shown = std::string(text.substr(0, hidden)) + "***" + std::string(text.substr(lastAt));
+    }
     const bool named = !scheme.empty() && !rest.empty() && rest.front() != '/';
     const std::size_t at = !named                ? std::string_view::npos
-                           : scheme == "unix://" ? rest.find("@/")
+                           : scheme == "unix://" ? rest.rfind("@/")
                                                  : rest.rfind('@');
     if (at != std::string_view::npos) {
       const std::size_t colon = rest.substr(0, at).find(':');

@@ -461,7 +461,7 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
   const struct {
     std::string value, shown, reason;
   } refused[] = {
-      {"Embedded", "Embedded",
+      {" redis://:hunter2@host", " redis://***@host",
        "it starts with none of \"embedded\", \"redis://\", \"unix://\" and \"redis-cluster://\""},
       {"redis-cluster://:hunter2@a:7000,b:7001/0", "redis-cluster://:***@a:7000,b:7001/0",
        "a Redis Cluster has no database but 0, so the form has no \"/DB\""},
@@ -476,7 +476,7 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
       {"redis://hunter2@host", "redis://***@host",
        "credentials take the form USER:PASSWORD or :PASSWORD, percent-encoded"},
       {"embedded?timeout=1s", "embedded?timeout=1s", "it has no option \"timeout\" for this form"},
-      {"unix://:hunter2@/s.sock?retention-age=3651d", "unix://:***@/s.sock?retention-age=3651d",
+      {"unix://:hun@/ter2@/s.sock?retention-age=3651d", "unix://:***@/s.sock?retention-age=3651d",
        "the option retention-age has the value \"3651d\", which is not a DURATION of whole "
        "seconds up to 3650d, such as 90s, 30m, 12h or 7d"},
   };
