@@ -124,6 +124,7 @@ RedisRouter::Node& RedisRouter::nodeOf(int slot) {
 }
 
 bool RedisRouter::standsAlone(Node& node, const redisReply& role) {
+  if (role.type == REDIS_REPLY_ERROR) node.connection->refused(role);
   // A primary answers ["master", offset, [[host, port, offset], ...]].
   const bool listsReplicas = role.type == REDIS_REPLY_ARRAY && role.elements >= 3 &&
                              role.element[2]->type == REDIS_REPLY_ARRAY;
@@ -131,6 +132,7 @@ bool RedisRouter::standsAlone(Node& node, const redisReply& role) {
   if (node.replicas > 0) return node.alone = false;
   if (node.alone) return true;
   const RedisReply view = node.connection->command({"CLUSTER", "NODES"});
+  if (view->type == REDIS_REPLY_ERROR) node.connection->refused(*view);
   if (view->type != REDIS_REPLY_STRING) return false;
   // A line per node: ID ADDRESS FLAGS PRIMARY-ID ..., the flags such as "myself,master",
   // "slave" or "slave,fail"; "fail?" is this node's suspicion alone, not yet the cluster's.
@@ -159,29 +161,31 @@ bool RedisRouter::standsAlone(Node& node, const redisReply& role) {
   return !working;
 }
 
-RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replicated) {
+RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replicated, bool asking) {
   lastConnection = node.connection.get();
-  if (!replicated) return node.connection->command(parts);
   const std::string waitMs = std::to_string(std::max<long long>(1, url.timeout.count() / 2));
   const RedisCommand wait = {"WAIT", "1", waitMs}, role = {"ROLE"};
-  // WAIT goes with the command in one round trip where the node had replicas when last asked.
-  // Otherwise ROLE does, so that a replica that has come since (after a failover, or at the
-  // start of the cluster) is waited for from the first write after it.
-  std::vector<RedisReply> replies =
-      node.connection->commands({parts, node.replicas > 0 ? wait : role});
-  if (replies[0]->type == REDIS_REPLY_ERROR) return std::move(replies[0]);
-  RedisReply acknowledged = std::move(replies[1]);
+  // ASKING lets the node that a slot is moving to take the one command after it. WAIT goes with
+  // the command in one round trip where the node had replicas when last asked. Otherwise ROLE
+  // does, so that a replica that has come since (after a failover, or at the start of the
+  // cluster) is waited for from the first write after it.
+  std::vector<RedisCommand> batch;
+  if (asking) batch.push_back({"ASKING"});
+  batch.push_back(parts);
+  if (replicated) batch.push_back(node.replicas > 0 ? wait : role);
+  std::vector<RedisReply> replies = node.connection->commands(batch);
+  RedisReply reply = std::move(replies[asking ? 1 : 0]);
+  if (!replicated || reply->type == REDIS_REPLY_ERROR) return reply;
+  RedisReply acknowledged = std::move(replies.back());
   if (node.replicas == 0) {
-    if (standsAlone(node, *acknowledged)) return std::move(replies[0]);
+    if (standsAlone(node, *acknowledged)) return reply;
     acknowledged = node.connection->command(wait);
   }
   // WAIT answers how many replicas have the write.
-  if (acknowledged->type == REDIS_REPLY_INTEGER && acknowledged->integer >= 1) {
-    return std::move(replies[0]);
-  }
+  if (acknowledged->type == REDIS_REPLY_INTEGER && acknowledged->integer >= 1) return reply;
   // No replica took the write: where the primary has lost its replicas for good, it stands
   // alone. Otherwise the write may vanish with this primary, so it does not count.
-  if (standsAlone(node, *node.connection->command(role))) return std::move(replies[0]);
+  if (standsAlone(node, *node.connection->command(role))) return reply;
   ReplyLost unreplicated;
   unreplicated.code = KSMEM_ERR_SERVICE_UNREACHABLE;
   unreplicated.text = "lost the connection to the service at " + url.shown + ": node " +
@@ -193,9 +197,9 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
 RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replicated) {
   if (url.kind != ServiceURL::Kind::kRedisCluster) {
     try {
-      return send(*nodes.front(), parts, false);
+      return send(*nodes.front(), parts, false, false);
     } catch (const ReplyLost&) {
-      return send(*nodes.front(), parts, false);
+      return send(*nodes.front(), parts, false, false);
     }
   }
   const Clock::time_point deadline = Clock::now() + url.timeout;
@@ -207,15 +211,10 @@ RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replic
   Node* asking = nullptr;
   for (int redirections = 0;;) {
     Node& node = asking != nullptr ? *asking : nodeOf(slot);
+    const bool asked = asking != nullptr;
+    asking = nullptr;  // once: after a lost reply, the slot's owner is asked again
     try {
-      RedisReply reply;
-      if (asking != nullptr) {
-        lastConnection = node.connection.get();
-        reply = std::move(node.connection->commands({{"ASKING"}, parts})[1]);
-        asking = nullptr;
-      } else {
-        reply = send(node, parts, replicated);
-      }
+      RedisReply reply = send(node, parts, replicated, asked);
       const bool moved = startsWith(*reply, "MOVED "), ask = startsWith(*reply, "ASK ");
       if ((moved || ask) && ++redirections <= kMaxRedirections) {
         const Endpoint target = redirectTarget(*reply);

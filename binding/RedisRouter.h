@@ -8,10 +8,11 @@
 // CLUSTERDOWN, and when a node cannot be reached or its reply is lost (then it reads the map
 // anew, since a replica may have taken over). It gives up when the service's time limit has
 // passed since the command began. A write that changes state can ask to be replicated: it then
-// returns only once its primary has passed it on to a replica (WAIT). A primary stands alone,
-// and its writes count without a replica, only while no replica is connected to it and the
-// cluster has marked each of its replicas as failed: a replica that merely lost its link, or
-// one that has just taken over from a primary that does not know it yet, still counts.
+// returns only once its primary has passed it on to a replica (WAIT), also when it went there
+// by ASK. A primary stands alone, and its writes count without a replica, only while no replica
+// is connected to it and the cluster has marked each of its replicas as failed: a replica that
+// merely lost its link, or one that has just taken over from a primary that does not know it
+// yet, still counts.
 //
 // A single server is asked once more after a lost reply, and not again after it cannot be
 // reached. Every request is made so that sending it twice does no harm (RedisService).
@@ -59,13 +60,13 @@ class RedisRouter {
   Node& nodeAt(const std::string& host, int port);
   // Reads the slot map from the first node that answers; leaves it as it was if none does.
   void readSlotMap();
-  // Sends `parts` to `node`; with `replicated`, waits until a replica has the write (WAIT)
-  // unless the node stands alone.
-  RedisReply send(Node& node, const RedisCommand& parts, bool replicated);
+  // Sends `parts` to `node`, after ASKING when `asking`; with `replicated`, waits until a
+  // replica has the write (WAIT) unless the node stands alone.
+  RedisReply send(Node& node, const RedisCommand& parts, bool replicated, bool asking);
   // Takes the replicas connected to `node` from its reply to ROLE (0 for a node that is no
   // primary), and tells whether it stands alone: none is connected, it is still a primary and
   // its view of the cluster (CLUSTER NODES) names no replica of its own that is not marked as
-  // failed.
+  // failed. An error reply to either, as for a user not allowed them, throws as a refusal.
   bool standsAlone(Node& node, const redisReply& role);
 
   const ServiceURL& url;
