@@ -14,8 +14,6 @@ constexpr int kSlots = 16384;
 // Redirections that one command follows at most; a cluster that sends it further is in flux.
 constexpr int kMaxRedirections = 16;
 
-using Clock = std::chrono::steady_clock;
-
 uint16_t crc16(std::string_view data) {
   uint16_t crc = 0;
   for (const char c : data) {
@@ -80,8 +78,11 @@ RedisRouter::Node& RedisRouter::nodeAt(const std::string& host, int port) {
   return *nodes.back();
 }
 
-void RedisRouter::readSlotMap() {
-  for (std::size_t i = 0; i < nodes.size(); ++i) {
+void RedisRouter::readSlotMap(Clock::time_point deadline) {
+  // The node that gave the map last is asked first: a seed that has gone silent would cost a
+  // whole time limit each time.
+  for (std::size_t k = 0; k < nodes.size() && Clock::now() < deadline; ++k) {
+    const std::size_t i = (mapSource + k) % nodes.size();
     Node& asked = *nodes[i];
     RedisReply map;
     try {
@@ -92,6 +93,7 @@ void RedisRouter::readSlotMap() {
       continue;
     }
     if (map->type != REDIS_REPLY_ARRAY) continue;
+    mapSource = i;
     std::fill(slotOwner.begin(), slotOwner.end(), nullptr);
     // Each range: first slot, last slot, then the primary and its replicas, each as
     // [host, port, id, ...]; a host that the node does not know is "" or "?".
@@ -117,8 +119,8 @@ void RedisRouter::readSlotMap() {
   }
 }
 
-RedisRouter::Node& RedisRouter::nodeOf(int slot) {
-  if (slotOwner[slot] == nullptr) readSlotMap();
+RedisRouter::Node& RedisRouter::nodeOf(int slot, Clock::time_point deadline) {
+  if (slotOwner[slot] == nullptr) readSlotMap(deadline);
   // While the map says nothing of the slot, ask any node: it redirects.
   return slotOwner[slot] != nullptr ? *slotOwner[slot] : *nodes.front();
 }
@@ -210,7 +212,7 @@ RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replic
   };
   Node* asking = nullptr;
   for (int redirections = 0;;) {
-    Node& node = asking != nullptr ? *asking : nodeOf(slot);
+    Node& node = asking != nullptr ? *asking : nodeOf(slot, deadline);
     const bool asked = asking != nullptr;
     asking = nullptr;  // once: after a lost reply, the slot's owner is asked again
     try {
@@ -221,7 +223,7 @@ RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replic
         Node& next = nodeAt(target.host.empty() ? node.address.host : target.host, target.port);
         if (ask) asking = &next;
         if (moved) {  // the map read again may be older than the node that answered
-          readSlotMap();
+          readSlotMap(deadline);
           slotOwner[slot] = &next;
         }
         continue;
@@ -239,7 +241,7 @@ RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replic
     }
     // The node is gone or did not answer: a replica may be taking over. Ask again for the map.
     waitAMoment();
-    readSlotMap();
+    readSlotMap(deadline);
   }
 }
 

@@ -19,6 +19,7 @@
 #ifndef KSMEM_BINDING_REDISROUTER_H_
 #define KSMEM_BINDING_REDISROUTER_H_
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -55,11 +56,14 @@ class RedisRouter {
     bool alone = false;  // it had no replica at all when last asked, and none has connected
   };
 
+  using Clock = std::chrono::steady_clock;
+
   // The node of `slot` as far as is known; the map is read first if there is none.
-  Node& nodeOf(int slot);
+  Node& nodeOf(int slot, Clock::time_point deadline);
   Node& nodeAt(const std::string& host, int port);
-  // Reads the slot map from the first node that answers; leaves it as it was if none does.
-  void readSlotMap();
+  // Reads the slot map from the first node that answers, asking no more nodes once `deadline`
+  // has passed; leaves it as it was if none does.
+  void readSlotMap(Clock::time_point deadline);
   // Sends `parts` to `node`, after ASKING when `asking`; with `replicated`, waits until a
   // replica has the write (WAIT) unless the node stands alone.
   RedisReply send(Node& node, const RedisCommand& parts, bool replicated, bool asking);
@@ -72,6 +76,7 @@ class RedisRouter {
   const ServiceURL& url;
   std::vector<std::unique_ptr<Node>> nodes;  // seeds first, then as the map names them
   std::vector<Node*> slotOwner;              // by slot; null where unknown
+  std::size_t mapSource = 0;                 // the node that gave the slot map last
   RedisConnection* lastConnection = nullptr;
 };
 
