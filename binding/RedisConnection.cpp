@@ -1,5 +1,6 @@
 #include "binding/RedisConnection.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/time.h>
@@ -138,6 +139,7 @@ void RedisConnection::open() {
   if (context->err != 0 || redisSetTimeout(context, limit) != REDIS_OK) {
     fail<NotConnected>("cannot reach the service at ", context->errstr);
   }
+  fcntl(context->fd, F_SETFD, FD_CLOEXEC);  // a program this process runs does not inherit it
   std::vector<RedisCommand> setUp;
   if (!url.password.empty()) {
     setUp.push_back(url.user.empty() ? RedisCommand{"AUTH", url.password}
