@@ -21,10 +21,11 @@
 // Each thread of each process reaches Redis through a RedisRouter of its own (one connection,
 // or one per node of a cluster), made at its first request; a forked child makes its own. When
 // the reply to a request is lost (the connection broke, or the time limit passed), the request
-// is sent again, once to a single server, until the time limit to a cluster. Scripts that add or
-// remove clients or events wait until a replica has them, where the primary has one. A post
-// or an unregister carries an id made here, random and unique across processes and machines;
-// the script recognises an id it has seen and answers as the first time without doing it again.
+// is sent again, once to a single server, until the time limit to a cluster. On a cluster,
+// scripts that add or remove clients or events wait until a replica has them (RedisRouter).
+// A post or an unregister carries an id made here, random and unique across processes and
+// machines; the script recognises an id it has seen and answers as the first time without
+// doing it again.
 // A repeated fetch carries the same acknowledgement and reads the same batch.
 //
 // Safe to use from several threads at once.
