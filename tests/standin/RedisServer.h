@@ -1,9 +1,9 @@
 // A redis-server of a test's (or a benchmark's) own, in a fresh temporary directory, listening on
 // a Unix socket there or on a loopback port, optionally with a password. By default it keeps
-// nothing across a restart; with "--appendonly yes" it keeps what it acknowledged across stop()
-// and kill(), since Redis writes the append-only file before it replies. It can be stopped or
-// killed and started again at the same address and directory.
-// The object stops it and removes the directory when it goes, also when the test fails, and the
+// nothing across a restart; with "--appendonly yes" it keeps what it acknowledged across kill(),
+// since Redis writes the append-only file before it replies. It can be killed and started again
+// at the same address and directory.
+// The object kills it and removes the directory when it goes, also when the test fails, and the
 // server is killed when the thread that started it ends, so that a crashed test leaves nothing
 // behind. Not for use from several threads at once. Header-only, so that the benchmark program
 // can use it too.
@@ -54,7 +54,7 @@ class RedisServer {
     if (listen == Listen::kUnixSocket) socketPath = directory + "/redis.sock";
   }
   ~RedisServer() {
-    stop();
+    kill();
     std::error_code ignored;
     if (!directory.empty()) std::filesystem::remove_all(directory, ignored);
   }
@@ -86,12 +86,15 @@ class RedisServer {
     return false;
   }
 
-  // Stops the server as an operator would (SIGTERM: it writes out its append-only file). Does
-  // nothing when it is not running.
-  void stop() { end(SIGTERM); }
-
-  // Kills the server as a crash would (SIGKILL). Does nothing when it is not running.
-  void kill() { end(SIGKILL); }
+  // Kills the server as a crash would (SIGKILL), also a frozen one, and reaps it. Does nothing
+  // when it is not running.
+  void kill() {
+    connection.reset();
+    if (process <= 0) return;
+    ::kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+    process = 0;
+  }
 
   // Freezes the server (SIGSTOP) or lets it go on (SIGCONT), as a machine that stalls would:
   // its connections stay open, and nothing it should answer is answered meanwhile.
@@ -221,19 +224,6 @@ class RedisServer {
     }
     kill();
     return fail("redis-server did not answer PING within ten seconds");
-  }
-
-  // Sends `signal` and reaps the server, killing it when it has not ended within ten seconds.
-  void end(int signal) {
-    connection.reset();
-    if (process <= 0) return;
-    ::kill(process, signal);
-    ::kill(process, SIGCONT);  // a frozen server would not act on SIGTERM
-    for (int wait = 0; waitpid(process, nullptr, WNOHANG) == 0; ++wait) {
-      if (wait == 2000) ::kill(process, SIGKILL);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    process = 0;
   }
 
   bool fail(const std::string& reason) {
