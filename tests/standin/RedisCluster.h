@@ -25,9 +25,6 @@ class RedisCluster {
   // REQUIRES: `password` holds only letters, digits and "-._~".
   explicit RedisCluster(bool replicated = true, std::string password = "ksmem-cluster-secret")
       : replicated(replicated), password(std::move(password)) {}
-  ~RedisCluster() {
-    for (const auto& node : nodes) node->kill();  // a test's cluster has nothing worth keeping
-  }
   RedisCluster(const RedisCluster&) = delete;
   RedisCluster& operator=(const RedisCluster&) = delete;
 
