@@ -379,7 +379,7 @@ TEST_F(SharedServiceOnACluster, PostWithoutAReplicaFailsUntilTheClusterHasFailed
       RedisServer::number(source->command({"CLUSTER", "KEYSLOT", "{ksmem:" + moving + "}"})));
   const std::string sourceID = source->command({"CLUSTER", "MYID"})[0],
                     targetID = target->command({"CLUSTER", "MYID"})[0];
-  const auto moveKeys = [&] {  // while the slot stays the source's, so that it answers ASK
+  const auto moveKeys = [&] {  // while the slot stays the source's, which answers ASK
     target->command({"CLUSTER", "SETSLOT", slot, "IMPORTING", sourceID});
     source->command({"CLUSTER", "SETSLOT", slot, "MIGRATING", targetID});
     for (const std::string& key : source->command({"CLUSTER", "GETKEYSINSLOT", slot, "100"})) {
@@ -422,11 +422,13 @@ TEST_F(SharedServiceOnACluster, PostWithoutAReplicaFailsUntilTheClusterHasFailed
         waitFor([&] { return !markedFailed(); });
         const std::string third = attempt();
         moveKeys();
-        return failed + "|" + frozen + "|" + third + "|" +
-               failureOf<KsMEMConnectionException>([&] { registerAs(carol, moving, "carol"); });
+        const std::string asked =
+            failureOf<KsMEMConnectionException>([&] { registerAs(carol, moving, "carol"); });
+        for (RedisServer* node : {target, source}) {
+          node->command({"CLUSTER", "SETSLOT", slot, "NODE", targetID});
+        }
+        return failed + "|" + frozen + "|" + third + "|" + asked;
       }).output();
-  for (RedisServer* node : {target, source})
-    node->command({"CLUSTER", "SETSLOT", slot, "NODE", targetID});
   replica->suspend(false);  // also where the child did not get that far
   replica->command({"CONFIG", "SET", "masterauth", password});
 
