@@ -165,19 +165,20 @@ bool RedisRouter::standsAlone(Node& node, const redisReply& role) {
 
 RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replicated, bool asking) {
   lastConnection = node.connection.get();
-  const std::string waitMs = std::to_string(std::max<long long>(1, url.timeout.count() / 2));
-  const RedisCommand wait = {"WAIT", "1", waitMs}, role = {"ROLE"};
-  // ASKING lets the node that a slot is moving to take the one command after it. WAIT goes with
-  // the command in one round trip where the node had replicas when last asked. Otherwise ROLE
-  // does, so that a replica that has come since (after a failover, or at the start of the
-  // cluster) is waited for from the first write after it.
+  // ASKING lets the node that a slot is moving to take the one command after it.
   std::vector<RedisCommand> batch;
   if (asking) batch.push_back({"ASKING"});
   batch.push_back(parts);
-  if (replicated) batch.push_back(node.replicas > 0 ? wait : role);
+  if (!replicated) return std::move(node.connection->commands(batch)[asking ? 1 : 0]);
+  const std::string waitMs = std::to_string(std::max<long long>(1, url.timeout.count() / 2));
+  const RedisCommand wait = {"WAIT", "1", waitMs}, role = {"ROLE"};
+  // WAIT goes with the command in one round trip where the node had replicas when last asked.
+  // Otherwise ROLE does, so that a replica that has come since (after a failover, or at the
+  // start of the cluster) is waited for from the first write after it.
+  batch.push_back(node.replicas > 0 ? wait : role);
   std::vector<RedisReply> replies = node.connection->commands(batch);
   RedisReply reply = std::move(replies[asking ? 1 : 0]);
-  if (!replicated || reply->type == REDIS_REPLY_ERROR) return reply;
+  if (reply->type == REDIS_REPLY_ERROR) return reply;
   RedisReply acknowledged = std::move(replies.back());
   if (node.replicas == 0) {
     if (standsAlone(node, *acknowledged)) return reply;
