@@ -13,11 +13,11 @@ TEST(SessionTest, ClientsOfAServerReceiveEachOthersEventsOnceByteForByteAndRefus
   const std::string odd = "c&<>\"'";
   std::string binary;
   for (int b = 1; b < 256; ++b) binary += static_cast<char>(b);
-  const std::string text = "caf\xC3\xA9 \xE2\x82\xAC\r\n", big(70000, 'x');
+  const std::string text = "caf\xC3\xA9 \xE2\x82\xAC\r\n", big(1 << 20, 'x');
   KsMEMConnection alice, bob, oddOne, elsewhere, bobAgain, bobBack;
   const List registered[] = {registerAs(alice, "plant-7", "alice"),
                              registerAs(bob, "plant-7", "bob"), registerAs(oddOne, "plant-7", odd),
-                             registerAs(elsewhere, "plant-8", "alice")};
+                             registerAs(elsewhere, "plant=8", "alice")};
 
   const List queuedFor[] = {post(alice, text), post(alice, binary), post(alice, big)};
   const List registeredAgain = registerAs(bobAgain, "plant-7", "bob");
