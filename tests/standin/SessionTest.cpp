@@ -13,6 +13,7 @@ TEST(SessionTest, ClientsOfAServerReceiveEachOthersEventsOnceByteForByteAndRefus
   const std::string odd = "c&<>\"'";
   std::string binary;
   for (int b = 1; b < 256; ++b) binary += static_cast<char>(b);
+  // `big` is the largest event that the service takes.
   const std::string text = "caf\xC3\xA9 \xE2\x82\xAC\r\n", big(1 << 20, 'x');
   KsMEMConnection alice, bob, oddOne, elsewhere, bobAgain, bobBack;
   const List registered[] = {registerAs(alice, "plant-7", "alice"),
