@@ -169,7 +169,8 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
   std::vector<RedisCommand> batch;
   if (asking) batch.push_back({"ASKING"});
   batch.push_back(parts);
-  if (!replicated) return std::move(node.connection->commands(batch)[asking ? 1 : 0]);
+  const std::size_t own = batch.size() - 1;  // where the command's own reply comes
+  if (!replicated) return std::move(node.connection->commands(batch)[own]);
   const std::string waitMs = std::to_string(std::max<long long>(1, url.timeout.count() / 2));
   const RedisCommand wait = {"WAIT", "1", waitMs}, role = {"ROLE"};
   // WAIT goes with the command in one round trip where the node had replicas when last asked.
@@ -177,7 +178,7 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
   // start of the cluster) is waited for from the first write after it.
   batch.push_back(node.replicas > 0 ? wait : role);
   std::vector<RedisReply> replies = node.connection->commands(batch);
-  RedisReply reply = std::move(replies[asking ? 1 : 0]);
+  RedisReply reply = std::move(replies[own]);
   if (reply->type == REDIS_REPLY_ERROR) return reply;
   RedisReply acknowledged = std::move(replies.back());
   if (node.replicas == 0) {
