@@ -96,8 +96,8 @@ TEST(SharedService, FetchedBatchComesAgainUntilTheClientListAfterItIsAnswered) {
 }
 
 TEST(SharedService, SilentClientKeepsOnlyTheNewestEventsOnceTheRetentionLimitIsReached) {
-  const std::string service =
-      (ownRedis != nullptr ? ownRedis->url() : "embedded") + "?retention=50&retention-age=0";
+  const std::string service = (ownRedis != nullptr ? ownRedis->url() + "?db=2&" : "embedded?") +
+                              "retention=50&retention-age=0";
   const std::string server = uniqueServerID("retention");
   const std::string outcome = ChildProcess([&] {
                                 setenv("KSMEM_SERVICE", service.c_str(), 1);
@@ -136,6 +136,9 @@ TEST(SharedService, SilentClientKeepsOnlyTheNewestEventsOnceTheRetentionLimitIsR
   EXPECT_GE(age[0], 0);
   EXPECT_LE(pending[1], 20);
   EXPECT_EQ(pending[2] + age[2], -1);
+  if (ownRedis != nullptr) {  // kept in the database that the URL names
+    EXPECT_NE(RedisServer::field(ownRedis->command({"INFO", "keyspace"}), "db2"), "");
+  }
 }
 
 // Tries `operation` again after each Exception, as an application would, for at most 30
@@ -511,6 +514,9 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
       {"redis://hunter2@host", "redis://***@host",
        "credentials take the form USER:PASSWORD or :PASSWORD, percent-encoded"},
       {"embedded?timeout=1s", "embedded?timeout=1s", "it has no option \"timeout\" for this form"},
+      {"redis://h?timeout=87601h", "redis://h?timeout=87601h",
+       "the option timeout has the value \"87601h\", which is not a DURATION above 0 and up to "
+       "3650d, such as 500ms, 5s or 1m"},
       {"unix://:hun@/ter2@/s.sock?retention-age=3651d", "unix://:***@/s.sock?retention-age=3651d",
        "the option retention-age has the value \"3651d\", which is not a DURATION of whole "
        "seconds up to 3650d, such as 90s, 30m, 12h or 7d"},
