@@ -141,6 +141,29 @@ TEST(SharedService, SilentClientKeepsOnlyTheNewestEventsOnceTheRetentionLimitIsR
   }
 }
 
+// Old events are "o", posted a second before the new ones, "n". Redis drops old entries only in
+// whole blocks of about 100, so up to 100 old events may stay.
+TEST(SharedService, SilentClientLosesEventsOnlyOnceTheyAreOlderThanTheRetentionAge) {
+  const std::string service =
+      (ownRedis != nullptr ? ownRedis->url() : "embedded") + "?retention-age=1s";
+  const std::string server = uniqueServerID("age");
+  const std::string events = ChildProcess([&] {
+                               setenv("KSMEM_SERVICE", service.c_str(), 1);
+                               KsMEMConnection silent, poster;
+                               registerAs(silent, server, "silent");
+                               registerAs(poster, server, "poster");
+                               for (int i = 0; i < 150; ++i) post(poster, "o");
+                               std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+                               for (int i = 0; i < 150; ++i) post(poster, "n");
+                               std::string all;
+                               for (std::string more; !(more = fetch(silent)).empty();) all += more;
+                               return all;
+                             }).output();
+
+  EXPECT_EQ(std::count(events.begin(), events.end(), 'n'), 150) << events;
+  EXPECT_LE(std::count(events.begin(), events.end(), 'o'), 100) << events;
+}
+
 // Tries `operation` again after each Exception, as an application would, for at most 30
 // seconds; gives how often it failed.
 template <typename Operation>
