@@ -1,5 +1,5 @@
 // Runs a piece of a test in a forked child of the test process, so that it starts with
-// transport state of its own: the child reads KSMEM_SERVICE again and opens its own
+// transport state of its own: the child sets KSMEM_SERVICE, reads it again and opens its own
 // connections. Several children run at once; what each one's work returns comes back through a
 // pipe.
 #ifndef KSMEM_TESTS_STANDIN_CHILDPROCESS_H_
@@ -11,15 +11,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <string>
 
 class ChildProcess {
  public:
-  // Starts the child, which runs `work` and ends. `work` must not use GoogleTest assertions
-  // (they would be counted in the child alone); it reports through what it returns.
-  explicit ChildProcess(const std::function<std::string()>& work) {
+  // Starts the child, which sets KSMEM_SERVICE to `service`, runs `work` and ends. `work` must
+  // not use GoogleTest assertions (they would be counted in the child alone); it reports through
+  // what it returns.
+  ChildProcess(const std::string& service, const std::function<std::string()>& work) {
     int ends[2];
     if (pipe(ends) != 0) {
       ADD_FAILURE() << "no pipe for a child process";
@@ -30,6 +32,7 @@ class ChildProcess {
     if (pid == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);  // a child that hangs goes with the test process
       if (getppid() != parent) _exit(1);
+      setenv("KSMEM_SERVICE", service.c_str(), 1);
       std::string text;
       int status = 1;
       try {

@@ -99,8 +99,7 @@ TEST(SharedService, SilentClientKeepsOnlyTheNewestEventsOnceTheRetentionLimitIsR
   const std::string service = (ownRedis != nullptr ? ownRedis->url() + "?db=2&" : "embedded?") +
                               "retention=50&retention-age=0";
   const std::string server = uniqueServerID("retention");
-  const std::string outcome = ChildProcess([&] {
-                                setenv("KSMEM_SERVICE", service.c_str(), 1);
+  const std::string outcome = ChildProcess(service, [&] {
                                 KsMEMConnection silent, active, poster;
                                 registerAs(silent, server, "silent one");
                                 registerAs(active, server, "active");
@@ -110,11 +109,7 @@ TEST(SharedService, SilentClientKeepsOnlyTheNewestEventsOnceTheRetentionLimitIsR
                                   if (i % 10 == 9) fetch(active);
                                 }
                                 const std::string backlogs = exchange("getClientBacklogs", server);
-                                std::string events;
-                                for (std::string more; !(more = fetch(silent)).empty();) {
-                                  events += more;
-                                }
-                                return backlogs + "|" + events;
+                                return backlogs + "|" + fetchAll(silent);
                               }).output();
 
   // The newest events alone, in order: at least the 50 of the limit, and no more than Redis
@@ -147,17 +142,14 @@ TEST(SharedService, SilentClientLosesEventsOnlyOnceTheyAreOlderThanTheRetentionA
   const std::string service =
       (ownRedis != nullptr ? ownRedis->url() : "embedded") + "?retention-age=1s";
   const std::string server = uniqueServerID("age");
-  const std::string events = ChildProcess([&] {
-                               setenv("KSMEM_SERVICE", service.c_str(), 1);
+  const std::string events = ChildProcess(service, [&] {
                                KsMEMConnection silent, poster;
                                registerAs(silent, server, "silent");
                                registerAs(poster, server, "poster");
                                for (int i = 0; i < 150; ++i) post(poster, "o");
                                std::this_thread::sleep_for(std::chrono::milliseconds(1100));
                                for (int i = 0; i < 150; ++i) post(poster, "n");
-                               std::string all;
-                               for (std::string more; !(more = fetch(silent)).empty();) all += more;
-                               return all;
+                               return fetchAll(silent);
                              }).output();
 
   EXPECT_EQ(std::count(events.begin(), events.end(), 'n'), 150) << events;
@@ -192,8 +184,7 @@ int expectEveryEventOnceUnlessPostedAgain(const std::string& server,
                                           const std::function<std::string(int index)>& serviceOf,
                                           const std::function<void()>& meanwhile) {
   const auto child = [&](int index, const std::string& client, auto work) {
-    return std::make_unique<ChildProcess>([&, index, client, work] {
-      setenv("KSMEM_SERVICE", serviceOf(index).c_str(), 1);
+    return std::make_unique<ChildProcess>(serviceOf(index), [&, client, work] {
       KsMEMConnection connection;
       untilDone([&] { registerAs(connection, server, client); });
       return work(connection);
@@ -342,8 +333,7 @@ TEST_F(SharedServiceOnACluster, ServersSpreadOverThePrimariesEachDeliveringItsEv
     servers.push_back(uniqueServerID("spread-" + std::to_string(s)));
     primaries.insert(primaryOf(servers.back()));
   }
-  const std::string received = ChildProcess([&] {
-                                 setenv("KSMEM_SERVICE", cluster->url().c_str(), 1);
+  const std::string received = ChildProcess(cluster->url(), [&] {
                                  std::string fetched;
                                  for (const std::string& server : servers) {
                                    KsMEMConnection alice, bob;
@@ -367,16 +357,15 @@ TEST_F(SharedServiceOnACluster, ServersSpreadOverThePrimariesEachDeliveringItsEv
 TEST_F(SharedServiceOnACluster, WrongPasswordAndUnreachableSeedFailAtOnceSayingSo) {
   const std::string seed = "127.0.0.1:" + std::to_string(primaryOf("seed"));
   const auto failure = [](const std::string& service) {
-    return ChildProcess([service] {
-             setenv("KSMEM_SERVICE", service.c_str(), 1);
-             KsMEMConnection connection;
-             const auto start = std::chrono::steady_clock::now();
-             const std::string text = failureOf<KsMEMConnectionException>(
-                 [&] { registerAs(connection, "plant-7", "alice"); });
-             const bool quick = std::chrono::steady_clock::now() - start < std::chrono::seconds(2);
-             return quick ? text : "took too long: " + text;
-           })
-        .output();
+    ChildProcess child(service, [] {
+      KsMEMConnection connection;
+      const auto start = std::chrono::steady_clock::now();
+      const std::string text =
+          failureOf<KsMEMConnectionException>([&] { registerAs(connection, "plant-7", "alice"); });
+      const bool quick = std::chrono::steady_clock::now() - start < std::chrono::seconds(2);
+      return quick ? text : "took too long: " + text;
+    });
+    return child.output();
   };
   const std::string closed = "redis-cluster://127.0.0.1:1?timeout=300ms";
 
@@ -430,8 +419,7 @@ TEST_F(SharedServiceOnACluster, PostWithoutAReplicaFailsUntilTheClusterHasFailed
   // WAIT takes half the time limit; the other half is what a loaded machine may add to it.
   const std::string service = cluster->url() + "?timeout=800ms";
   const std::string failures =
-      ChildProcess([&] {
-        setenv("KSMEM_SERVICE", service.c_str(), 1);
+      ChildProcess(service, [&] {
         KsMEMConnection alice, bob, carol;
         registerAs(alice, server, "alice");
         registerAs(bob, moving, "bob");
@@ -497,18 +485,16 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
   // anew although this process has read it already.
   KsMem_Init(malloc, free);
   const auto initTwice = [](const std::string& value) {
-    return ChildProcess([value] {
-             setenv("KSMEM_SERVICE", value.c_str(), 1);
-             const int32_t first = KsMem_Init(malloc, free);
-             setenv("KSMEM_SERVICE", "embedded", 1);
-             std::string results =
-                 std::to_string(first) + " " + std::to_string(KsMem_Init(malloc, free));
-             KsMEMConnection connection;
-             return first == 0 ? results : results + " " + failureOf<KsMEMConnectionException>([&] {
-                                             registerAs(connection, "s", "c");
-                                           });
-           })
-        .output();
+    ChildProcess child(value, [] {
+      const int32_t first = KsMem_Init(malloc, free);
+      setenv("KSMEM_SERVICE", "embedded", 1);
+      std::string results = std::to_string(first) + " " + std::to_string(KsMem_Init(malloc, free));
+      KsMEMConnection connection;
+      return first == 0 ? results : results + " " + failureOf<KsMEMConnectionException>([&] {
+                                      registerAs(connection, "s", "c");
+                                    });
+    });
+    return child.output();
   };
 
   for (const char* value :
