@@ -3,7 +3,8 @@
 // Redis with a chance of 1/n, so that the commands have run in Redis but the caller never hears
 // of them. With kCloseConnection the caller's connection then breaks; with kKeepSilent it stays
 // open and nothing more comes on it, so that the caller runs into its own time limit. Every
-// connection counts, including its AUTH and PING.
+// connection counts, including its AUTH and PING. Given a text `only`, the relay loses only a
+// reply to a request that holds it, and only until it has lost one.
 //
 // The relay runs in a child process of its own, with a thread per connection, from the
 // constructor to the destructor, which kills it; the system then closes every connection. So
@@ -26,6 +27,7 @@
 #include <cerrno>
 #include <random>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -38,7 +40,8 @@ class FaultyRelay {
   // Starts relaying to `redis`; the pieces to lose are picked by generators seeded from `seed`.
   // Throws std::system_error when the relay cannot listen or start.
   // REQUIRES: `redis` listens on loopback (Listen::kLoopback); n >= 1.
-  FaultyRelay(const RedisServer& redis, Loss loss, int n, unsigned seed) {
+  FaultyRelay(const RedisServer& redis, Loss loss, int n, unsigned seed, std::string only = "")
+      : only(std::move(only)) {
     sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -104,7 +107,8 @@ class FaultyRelay {
     setsockopt(caller, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     setsockopt(redis, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     pollfd ends[2] = {{caller, POLLIN, 0}, {redis, POLLIN, 0}};
-    bool silent = false;  // a reply was lost: from now on nothing goes either way
+    bool silent = false;          // a reply was lost: from now on nothing goes either way
+    bool mayLose = only.empty();  // what the caller sent last allows a loss
     char chunk[65536];
     // When Redis is down, the caller's connection ends at once.
     bool open = connect(redis, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
@@ -112,7 +116,11 @@ class FaultyRelay {
       for (int from = 0; open && from < 2; ++from) {
         if (ends[from].revents == 0) continue;
         const ssize_t count = recv(ends[from].fd, chunk, sizeof chunk, 0);
-        const bool lost = count > 0 && from == 1 && !silent && random() % n == 0;
+        if (count > 0 && from == 0 && !only.empty()) {
+          mayLose = std::string_view(chunk, count).find(only) != std::string_view::npos &&
+                    *swallowedCount == 0;
+        }
+        const bool lost = count > 0 && from == 1 && !silent && mayLose && random() % n == 0;
         if (lost) ++*swallowedCount;
         silent = silent || (lost && loss == Loss::kKeepSilent);
         open = count > 0 && !(lost && loss == Loss::kCloseConnection) &&
@@ -127,6 +135,7 @@ class FaultyRelay {
   std::atomic<long long>* const swallowedCount = static_cast<std::atomic<long long>*>(
       mmap(nullptr, sizeof(std::atomic<long long>), PROT_READ | PROT_WRITE,
            MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const std::string only;
   pid_t relay = -1;
   std::string relayURL;
 };

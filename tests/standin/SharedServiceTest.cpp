@@ -276,6 +276,29 @@ TEST(SharedServiceInRedis, RepliesLostOnTheWayNeitherLoseNorRepeatAnEvent) {
   EXPECT_GT(silent.swallowed(), 10);
 }
 
+TEST(SharedServiceInRedis, UnregisterSentAgainAfterItsReplyWasLostStillSucceeds) {
+  if (ownRedis == nullptr) GTEST_SKIP() << kRedisOnly;
+  RedisServer redis(RedisServer::Listen::kLoopback);
+  ASSERT_TRUE(redis.start()) << redis.problem();
+  // Loses the reply to the first request with an op key (":op:"), here the unregister.
+  FaultyRelay relay(redis, FaultyRelay::Loss::kCloseConnection, 1, 0, ":op:");
+  const std::string server = uniqueServerID("leaving");
+
+  const std::string outcome =
+      ChildProcess(relay.url(), [&] {
+        KsMEMConnection stays, leaves;
+        registerAs(stays, server, "stays");
+        registerAs(leaves, server, "leaves");
+        List remaining;
+        std::string text = failureOf<Exception>([&] { leaves.unregisterClient(remaining); });
+        for (const std::string& client : remaining) text += " " + client;
+        return text;
+      }).output();
+
+  EXPECT_EQ(outcome, "no failure stays");
+  EXPECT_EQ(relay.swallowed(), 1);
+}
+
 TEST(SharedServiceInRedis, KilledRedisWithAnAppendOnlyFileLosesNoAcknowledgedEvent) {
   if (ownRedis == nullptr) GTEST_SKIP() << kRedisOnly;
   // Redis writes the append-only file before it replies, so a killed process loses nothing
