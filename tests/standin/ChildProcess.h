@@ -73,7 +73,9 @@ class ChildProcess {
     int status = 0;
     if (pid > 0 && waitpid(pid, &status, 0) == pid &&
         !(WIFEXITED(status) && WEXITSTATUS(status) == 0)) {
-      ADD_FAILURE() << "child process " << pid << " failed: " << text;
+      const std::string bySignal =
+          WIFSIGNALED(status) ? ", signal " + std::to_string(WTERMSIG(status)) : "";
+      ADD_FAILURE() << "child process " << pid << " failed" << bySignal << ": " << text;
       text.clear();
     }
     pid = -1;
