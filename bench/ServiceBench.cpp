@@ -30,12 +30,15 @@
 #include <string>
 #include <vector>
 
+#include "binding/TextExchange.h"
 #include "client/KsMEMConnection.h"
 #include "client/KsMemBinding.h"
 #include "tests/standin/RedisCluster.h"
 #include "tests/standin/RedisServer.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
+using Kestrane::Net::KsModelEventManager::Binding::TextReply;
+using Kestrane::Net::KsModelEventManager::Binding::textExchange;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -160,18 +163,14 @@ ServiceChild::Operation roundTrip() {
 // nothing when it failed.
 std::optional<std::string> exchange(const std::string& operation, const std::string& server,
                                     const std::string& client, const std::string& body = "") {
-  const std::string request =
-      "Client-ID=" + client + "\r\nLog-Correlation-ID=bench\r\nOperation-Name=" + operation +
-      "\r\nServer-ID=" + server + "\r\nService-Name=KsMEMRequest\r\n\r\n" + body;
-  if (KsMem_Send(request.c_str()) < 0 || KsMem_SendEOF() < 0) return std::nullopt;
-  std::string reply;
-  char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
-  for (int32_t count; (count = KsMem_Receive(buffer)) != KSMEM_END_OF_REPLY;) {
-    if (count < 0) return std::nullopt;
-    reply.append(buffer, static_cast<std::size_t>(count));
-  }
-  KsMem_Complete();
-  return reply;
+  TextReply reply = textExchange({{"Client-ID", client},
+                                  {"Log-Correlation-ID", "bench"},
+                                  {"Operation-Name", operation},
+                                  {"Server-ID", server},
+                                  {"Service-Name", "KsMEMRequest"}},
+                                 body);
+  if (reply.code != 0) return std::nullopt;
+  return std::move(reply.text);
 }
 
 // Registers `clients` clients "c0", "c1", ... of a server of this process's own; gives the

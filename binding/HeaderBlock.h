@@ -5,20 +5,17 @@
 #define KSMEM_BINDING_HEADERBLOCK_H_
 
 #include <cstddef>
-#include <map>
-#include <string>
 #include <string_view>
+
+#include "service/ServiceBackend.h"
 
 namespace Kestrane::Net::KsModelEventManager::Binding {
 
-using RequestHeaders = std::map<std::string, std::string>;
-
-// Parses the header block at the start of `text` into `headers` and sets `blockLength` to the
-// count of bytes up to and including the closing empty line; what follows is the body. On a
-// malformed block returns false and sets `problem` to a sentence that says what is wrong;
+// Parses the header block at the start of `text` into `headers` and gives the count of bytes up
+// to and including the closing empty line; what follows is the body. A malformed block throws
+// ServiceFailure (KSMEM_ERR_MALFORMED_REQUEST) with a sentence that says what is wrong;
 // `headers` may then hold the lines read before the fault.
-bool parseHeaderBlock(std::string_view text, RequestHeaders& headers, std::size_t& blockLength,
-                      std::string& problem);
+std::size_t parseHeaderBlock(std::string_view text, Service::RequestHeaders& headers);
 
 }  // namespace Kestrane::Net::KsModelEventManager::Binding
 

@@ -1,5 +1,5 @@
 // The eight transport entries, serving every request with the service that KSMEM_SERVICE
-// chooses (ServiceChoice.h). When it names none, KsMem_Init fails with KSMEM_ERR_INIT_CONNECTION
+// chooses (service/ServiceChoice.h). When it names none, KsMem_Init fails with KSMEM_ERR_INIT_CONNECTION
 // and every exchange with KSMEM_ERR_SERVICE_UNREACHABLE, each with a text that names the value
 // and the accepted forms.
 //
@@ -25,11 +25,13 @@
 #include <utility>
 
 #include "binding/HeaderBlock.h"
-#include "binding/ServiceBackend.h"
-#include "binding/ServiceChoice.h"
+#include "service/ServiceBackend.h"
+#include "service/ServiceChoice.h"
 
 namespace Kestrane::Net::KsModelEventManager::Binding {
 namespace {
+
+using Service::ServiceFailure;
 
 enum class Phase {
   kNone,              // no exchange on this thread
@@ -69,7 +71,7 @@ const char* describe(Phase phase) {
 
 struct Exchange {
   Phase phase = Phase::kNone;
-  RequestHeaders headers;
+  Service::RequestHeaders headers;
   std::string body;
   std::string reply;
   std::size_t delivered = 0;  // bytes of the reply handed out so far
@@ -97,26 +99,30 @@ int32_t outOfTurn(const char* entry) {
                                          (abandoning ? ". The exchange is abandoned." : "."));
 }
 
-// Runs one entry's work; an exception (memory ran out) becomes a failure result, since none
-// may cross the C interface.
+// Runs one entry's work. A failure of the request becomes its result and last-error text; any
+// other exception (memory ran out) a fault of the transport, since none may cross the C
+// interface.
 template <typename Work>
 int32_t guarded(const char* entry, Work work) {
+  const auto fault = [entry](const char* what) {
+    return fail(KSMEM_ERR_TRANSPORT_FAULT, std::string(entry) + " failed inside the transport (" +
+                                               what + "). The exchange is abandoned.");
+  };
   try {
     return work();
+  } catch (const ServiceFailure& failure) {
+    return fail(failure.code, failure.what());
   } catch (const std::exception& e) {
-    return fail(KSMEM_ERR_TRANSPORT_FAULT, std::string(entry) + " failed inside the transport (" +
-                                               e.what() + "). The exchange is abandoned.");
+    return fault(e.what());
+  } catch (...) {
+    return fault("an exception of unknown type");
   }
 }
 
 int32_t startExchange(const char* text, bool textForm) {
   endExchange();
   const std::string_view request(text);
-  std::size_t blockLength = 0;
-  std::string problem;
-  if (!parseHeaderBlock(request, exchange.headers, blockLength, problem)) {
-    return fail(KSMEM_ERR_MALFORMED_REQUEST, problem);
-  }
+  const std::size_t blockLength = parseHeaderBlock(request, exchange.headers);
   if (textForm) {
     exchange.body.assign(request.substr(blockLength));
     exchange.phase = Phase::kText;
@@ -132,11 +138,9 @@ int32_t startExchange(const char* text, bool textForm) {
 
 // Hands the finished request to the service; 0 once the reply is ready to be read.
 int32_t serve() {
-  const ServiceChoice& service = processService();
+  const Service::ServiceChoice& service = Service::processService();
   if (!service.backend) return fail(KSMEM_ERR_SERVICE_UNREACHABLE, service.problem);
-  ServiceResult result = service.backend->handle(exchange.headers, exchange.body);
-  if (result.code != 0) return fail(result.code, std::move(result.text));
-  exchange.reply = std::move(result.text);
+  exchange.reply = service.backend->handle(exchange.headers, exchange.body);
   exchange.phase = Phase::kReply;
   return 0;
 }
@@ -159,13 +163,14 @@ int32_t deliver(char* buffer) {
 }  // namespace
 }  // namespace Kestrane::Net::KsModelEventManager::Binding
 
+using namespace Kestrane::Net::KsModelEventManager;
 using namespace Kestrane::Net::KsModelEventManager::Binding;
 
 extern "C" {
 
 int32_t KsMem_Init(KsMemAllocFunc, KsMemFreeFunc) {
   return guarded("KsMem_Init", []() -> int32_t {
-    const ServiceChoice& service = processService();
+    const Service::ServiceChoice& service = Service::processService();
     if (service.backend) return 0;
     lastError = service.problem;
     return KSMEM_ERR_INIT_CONNECTION;

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "binding/TextExchange.h"
 #include "client/KsMEMConnection.h"
 #include "client/KsMemBinding.h"
 #include "util/DomException.h"
@@ -208,28 +209,13 @@ std::string ageText(long long milliseconds) {
 // The clients of `server` with their backlogs, as the stand-in's service reports them through
 // its operator operation getClientBacklogs, which no client library call makes.
 int listClients(const std::string& server) {
-  const char* reason = nullptr;
-  const auto failed = [&](int32_t code) {
-    KsMem_GetLastError(&reason);
-    std::cerr << "ksmem: " << (reason != nullptr ? reason : "the transport failed") << " (code "
-              << code << ")\n";
+  const Binding::TextReply reply =
+      Binding::textExchange({{"Operation-Name", "getClientBacklogs"}, {"Server-ID", server}});
+  if (reply.code != 0) {
+    std::cerr << "ksmem: " << reply.text << " (code " << reply.code << ")\n";
     return 1;
-  };
-  int32_t result = KsMem_Init(std::malloc, std::free);
-  if (result != 0) return failed(result);
-  const std::string request =
-      "Operation-Name=getClientBacklogs\r\nServer-ID=" + server + "\r\n\r\n";
-  if ((result = KsMem_Send(request.c_str())) < 0 || (result = KsMem_SendEOF()) < 0) {
-    return failed(result);
   }
-  std::string reply;
-  char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
-  while ((result = KsMem_Receive(buffer)) != KSMEM_END_OF_REPLY) {
-    if (result < 0) return failed(result);
-    reply.append(buffer, static_cast<std::size_t>(result));
-  }
-  KsMem_Complete();
-  std::istringstream lines(reply);
+  std::istringstream lines(reply.text);
   std::printf("%-24s %10s  %s\n", "CLIENT", "PENDING", "OLDEST PENDING");
   unsigned long long pending;
   long long age;

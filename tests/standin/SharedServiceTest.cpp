@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "client/KsMEMConnection.h"
+#include "binding/TextExchange.h"
 #include "client/KsMemBinding.h"
 #include "tests/standin/Calls.h"
 #include "tests/standin/ChildProcess.h"
@@ -29,6 +30,8 @@
 #include "tests/standin/RedisServer.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
+using Kestrane::Net::KsModelEventManager::Binding::TextReply;
+using Kestrane::Net::KsModelEventManager::Binding::textExchange;
 
 namespace {
 
@@ -61,20 +64,9 @@ constexpr char kRedisOnly[] = "needs a redis-server of its own: run with KSMEM_T
 // "failed" when a call fails.
 std::string exchange(const std::string& operation, const std::string& server,
                      const std::string& client = "", const std::string& body = "") {
-  const std::string request = "Client-ID=" + client + "\r\nOperation-Name=" + operation +
-                              "\r\nServer-ID=" + server + "\r\n\r\n" + body;
-  if (KsMem_Init(std::malloc, std::free) != 0 || KsMem_Send(request.c_str()) < 0 ||
-      KsMem_SendEOF() < 0) {
-    return "failed";
-  }
-  std::string reply;
-  char buffer[KSMEM_RECEIVE_BUFFER_SIZE];
-  for (int32_t count; (count = KsMem_Receive(buffer)) != KSMEM_END_OF_REPLY;) {
-    if (count < 0) return "failed";
-    reply.append(buffer, static_cast<std::size_t>(count));
-  }
-  KsMem_Complete();
-  return reply;
+  const TextReply reply = textExchange(
+      {{"Client-ID", client}, {"Operation-Name", operation}, {"Server-ID", server}}, body);
+  return reply.code == 0 ? reply.text : "failed";
 }
 
 // A batch is acknowledged by the client's next fetch once the client list that the client

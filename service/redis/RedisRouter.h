@@ -16,8 +16,8 @@
 //
 // A single server is asked once more after a lost reply, and not again after it cannot be
 // reached. Every request is made so that sending it twice does no harm (RedisService).
-#ifndef KSMEM_BINDING_REDISROUTER_H_
-#define KSMEM_BINDING_REDISROUTER_H_
+#ifndef KSMEM_SERVICE_REDIS_REDISROUTER_H_
+#define KSMEM_SERVICE_REDIS_REDISROUTER_H_
 
 #include <chrono>
 #include <cstdint>
@@ -26,10 +26,10 @@
 #include <string_view>
 #include <vector>
 
-#include "binding/RedisConnection.h"
-#include "binding/ServiceURL.h"
+#include "service/redis/RedisConnection.h"
+#include "service/ServiceURL.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 // The hash slot of `key` as Redis Cluster computes it: CRC16 of the key's hash tag (the text
 // between its first "{" and the next "}", when not empty) or else of the whole key, modulo 16384.
@@ -80,6 +80,6 @@ class RedisRouter {
   RedisConnection* lastConnection = nullptr;
 };
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service
 
-#endif  // KSMEM_BINDING_REDISROUTER_H_
+#endif  // KSMEM_SERVICE_REDIS_REDISROUTER_H_

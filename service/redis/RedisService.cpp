@@ -1,4 +1,4 @@
-#include "binding/RedisService.h"
+#include "service/redis/RedisService.h"
 
 #include <sys/random.h>
 
@@ -9,159 +9,39 @@
 #include <memory>
 #include <utility>
 
-#include "binding/ServiceChoice.h"
+#include "service/PercentEncoding.h"
+#include "service/ProcessGeneration.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 namespace {
 
-// The scripts see the server's keys in this order, and a post's or an unregister's op key
-// after them: KEYS[1] clients, KEYS[2] cursors, KEYS[3] lag, KEYS[4] log, KEYS[5] head,
-// KEYS[6] op. A cursor or a `last` is "ID N": a stream entry id and the entry's position.
-const std::string kHelpers = R"lua(
-local function idOf(position) return string.match(position, '^%S+') end
-local function msOf(position) return string.match(position, '^%d+') end
-local function after(a, b)
-  local am, as = string.match(a, '^(%d+)-(%d+)$')
-  local bm, bs = string.match(b, '^(%d+)-(%d+)$')
-  if not am or not bm then return false end
-  am, as, bm, bs = tonumber(am), tonumber(as), tonumber(bm), tonumber(bs)
-  return am > bm or (am == bm and as > bs)
-end
-local function newest()
-  local head = redis.call('HMGET', KEYS[5], 'id', 'n')
-  return (head[1] or '0-0') .. ' ' .. (head[2] or '0')
-end
-local function moveCursor(client, position)
-  redis.call('HSET', KEYS[2], client, position)
-  redis.call('ZADD', KEYS[3], msOf(position), client)
-end
-local function dropAcknowledged()
-  local slowest = redis.call('ZRANGE', KEYS[3], 0, 0, 'WITHSCORES')
-  if slowest[2] then redis.call('XTRIM', KEYS[4], 'MINID', '~', slowest[2]) end
-end
-)lua";
-
-// ARGV[1] is the caller in every script. A script returns false (a nil reply) when the caller
-// is not registered.
+// The scripts, embedded from the .lua files beside this one at build time. All but the last
+// start with the helpers.
+const std::string kHelpers =
+#include "helpers.lua.inc"
+    ;
 const std::string kScripts[] = {
-    // register
-    kHelpers + R"lua(
-if not redis.call('HGET', KEYS[2], ARGV[1]) then
-  local top = redis.call('ZREVRANGE', KEYS[1], 0, 0, 'WITHSCORES')
-  redis.call('ZADD', KEYS[1], (tonumber(top[2]) or 0) + 1, ARGV[1])
-  moveCursor(ARGV[1], newest())
-end
-return redis.call('ZRANGE', KEYS[1], 0, -1)
-)lua",
-    // unregister; ARGV[2] how long to remember the op
-    kHelpers + R"lua(
-if redis.call('EXISTS', KEYS[6]) == 1 then return redis.call('ZRANGE', KEYS[1], 0, -1) end
-if redis.call('HDEL', KEYS[2], ARGV[1]) == 0 then return false end
-redis.call('ZREM', KEYS[1], ARGV[1])
-redis.call('ZREM', KEYS[3], ARGV[1])
-redis.call('SET', KEYS[6], '', 'EX', ARGV[2])
-if redis.call('EXISTS', KEYS[1]) == 0 then
-  redis.call('DEL', KEYS[4], KEYS[5])
-  return {}
-end
-dropAcknowledged()
-return redis.call('ZRANGE', KEYS[1], 0, -1)
-)lua",
-    // put; ARGV[2] the event, ARGV[3] events to keep (0: any number), ARGV[4] milliseconds to
-    // keep them (0: any time), ARGV[5] how long to remember the op. The op remembers the last
-    // registration it was queued for, so that a repeat answers with the same clients (less any
-    // that left since).
-    kHelpers + R"lua(
-local function queuedFor(upTo)
-  local others = {}
-  for _, c in ipairs(redis.call('ZRANGEBYSCORE', KEYS[1], '-inf', upTo)) do
-    if c ~= ARGV[1] then others[#others + 1] = c end
-  end
-  return others
-end
-local done = redis.call('GET', KEYS[6])
-if done then return queuedFor(done) end
-local cursor = redis.call('HGET', KEYS[2], ARGV[1])
-if not cursor then return false end
-local before = newest()
-local n = redis.call('HINCRBY', KEYS[5], 'n', 1)
-local add = {'XADD', KEYS[4]}
-if ARGV[3] ~= '0' then add = {'XADD', KEYS[4], 'MAXLEN', '~', ARGV[3]} end
-for _, part in ipairs({'*', 'sender', ARGV[1], 'n', n, 'event', ARGV[2]}) do add[#add + 1] = part end
-local id = redis.call(unpack(add))
-redis.call('HSET', KEYS[5], 'id', id)
-if ARGV[4] ~= '0' then
-  local now = redis.call('TIME')
-  local cutoff = tonumber(now[1]) * 1000 + math.floor(tonumber(now[2]) / 1000) - tonumber(ARGV[4])
-  if cutoff > 0 then redis.call('XTRIM', KEYS[4], 'MINID', '~', string.format('%d', cutoff)) end
-end
--- A caller that had nothing pending need not hold the log back for an event of its own.
-if idOf(cursor) == idOf(before) then
-  moveCursor(ARGV[1], id .. ' ' .. n)
-  dropAcknowledged()
-end
-local top = redis.call('ZREVRANGE', KEYS[1], 0, 0, 'WITHSCORES')
-redis.call('SET', KEYS[6], top[2], 'EX', ARGV[5])
-return queuedFor(top[2])
-)lua",
-    // get; ARGV[2] the acknowledgement (empty: none), ARGV[3] and ARGV[4] the batch's most
-    // events and bytes, ARGV[5] the most entries to look at. Gives {last, events}.
-    kHelpers + R"lua(
-local cursor = redis.call('HGET', KEYS[2], ARGV[1])
-if not cursor then return false end
-if ARGV[2] ~= '' and after(idOf(ARGV[2]), idOf(cursor)) then
-  cursor = ARGV[2]
-  moveCursor(ARGV[1], cursor)
-  dropAcknowledged()
-end
-local events, count, bytes, last = {}, 0, 0, ''
-local maxEvents, maxBytes, left = tonumber(ARGV[3]), tonumber(ARGV[4]), tonumber(ARGV[5])
-local from = '(' .. idOf(cursor)
-while left > 0 do
-  local page = math.min(left, 100)
-  local entries = redis.call('XRANGE', KEYS[4], from, '+', 'COUNT', page)
-  for _, entry in ipairs(entries) do
-    local fields = entry[2]
-    if fields[2] ~= ARGV[1] then
-      if count == maxEvents or (count > 0 and bytes + #fields[6] > maxBytes) then
-        return {last, table.concat(events)}
-      end
-      count = count + 1
-      bytes = bytes + #fields[6]
-      events[count] = fields[6]
-    end
-    last = entry[1] .. ' ' .. fields[4]
-    from = '(' .. entry[1]
-  end
-  if #entries < page then break end
-  left = left - page
-end
-return {last, table.concat(events)}
-)lua",
-    // shared clients
-    R"lua(
-if redis.call('HEXISTS', KEYS[2], ARGV[1]) == 0 then return false end
-return redis.call('ZRANGE', KEYS[1], 0, -1)
-)lua",
+    kHelpers +
+#include "register.lua.inc"
+    ,
+    kHelpers +
+#include "unregister.lua.inc"
+    ,
+    kHelpers +
+#include "put.lua.inc"
+    ,
+    kHelpers +
+#include "get.lua.inc"
+    ,
+#include "shared_clients.lua.inc"
 };
+// The operation that each script serves, for the failure of a caller that is not registered.
+const char* const kOperations[] = {"registerClient", "unregisterClient", "putEvents",
+                                   "getEvents", "getSharedClients"};
 
-std::string keyForm(const std::string& id) {
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string form;
-  form.reserve(id.size());
-  for (const char c : id) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x21 || byte > 0x7E || c == '%' || c == '{' || c == '}' || c == ':') {
-      form += '%';
-      form += kHex[byte >> 4];
-      form += kHex[byte & 0xF];
-    } else {
-      form += c;
-    }
-  }
-  return form;
-}
+// Server S in its key form.
+std::string keyForm(const std::string& serverID) { return percentEncoded(serverID, 0x7E, "%{}:"); }
 
 struct ServerKeys {
   explicit ServerKeys(const std::string& serverID)
@@ -176,7 +56,6 @@ struct ServerKeys {
 
 // A key for one post or unregister: random, so unique across processes and machines.
 std::string newOpKey(const std::string& serverID) {
-  static const char kHex[] = "0123456789abcdef";
   unsigned char random[16];
   std::size_t filled = 0;
   while (filled < sizeof random) {
@@ -184,10 +63,7 @@ std::string newOpKey(const std::string& serverID) {
     if (count > 0) filled += static_cast<std::size_t>(count);
   }
   std::string key = ServerKeys(serverID).tag + ":op:";
-  for (const unsigned char byte : random) {
-    key += kHex[byte >> 4];
-    key += kHex[byte & 0xF];
-  }
+  for (const unsigned char byte : random) appendHex(key, byte);
   return key;
 }
 
@@ -259,11 +135,13 @@ RedisReply RedisService::run(Script script, const std::string& serverID, std::st
     reply = redis.command(slot, parts, replicated);
   }
   if (reply->type == REDIS_REPLY_ERROR) redis.last().refused(*reply);
+  if (reply->type == REDIS_REPLY_NIL) {
+    throw unknownClient(serverID, std::string(*args.begin()), kOperations[script]);
+  }
   return reply;
 }
 
-std::optional<ClientIDs> RedisService::clientsOf(const RedisReply& reply) {
-  if (reply->type == REDIS_REPLY_NIL) return std::nullopt;
+ClientIDs RedisService::clientsOf(const RedisReply& reply) {
   if (reply->type != REDIS_REPLY_ARRAY) router().last().unexpected();
   ClientIDs ids;
   ids.reserve(reply->elements);
@@ -280,20 +158,17 @@ void RedisService::checkAnswers() {
 }
 
 ClientIDs RedisService::registerClient(const std::string& serverID, const std::string& clientID) {
-  std::optional<ClientIDs> clients = clientsOf(run(kRegister, serverID, {}, {clientID}));
-  if (!clients) router().last().unexpected();
-  return std::move(*clients);
+  return clientsOf(run(kRegister, serverID, {}, {clientID}));
 }
 
-std::optional<ClientIDs> RedisService::unregisterClient(const std::string& serverID,
-                                                        const std::string& clientID) {
+ClientIDs RedisService::unregisterClient(const std::string& serverID,
+                                         const std::string& clientID) {
   const std::string window = std::to_string(kRepeatWindow.count());
   return clientsOf(run(kUnregister, serverID, newOpKey(serverID), {clientID, window}));
 }
 
-std::optional<ClientIDs> RedisService::putEvents(const std::string& serverID,
-                                                 const std::string& clientID,
-                                                 const std::string& event) {
+ClientIDs RedisService::putEvents(const std::string& serverID, const std::string& clientID,
+                                  const std::string& event) {
   const std::string keep = std::to_string(url.retention.events);
   const std::string keepMs = std::to_string(url.retention.age.count() * 1000);
   const std::string window = std::to_string(
@@ -303,13 +178,12 @@ std::optional<ClientIDs> RedisService::putEvents(const std::string& serverID,
       run(kPut, serverID, newOpKey(serverID), {clientID, event, keep, keepMs, window}));
 }
 
-std::optional<ServiceBackend::Batch> RedisService::getEvents(const std::string& serverID,
-                                                             const std::string& clientID,
-                                                             const std::string& acknowledged) {
+ServiceBackend::Batch RedisService::getEvents(const std::string& serverID,
+                                              const std::string& clientID,
+                                              const std::string& acknowledged) {
   const RedisReply reply = run(kGet, serverID, {},
                                {clientID, acknowledged, std::to_string(kBatchEvents),
                                 std::to_string(kBatchBytes), std::to_string(kFetchScanLimit)});
-  if (reply->type == REDIS_REPLY_NIL) return std::nullopt;
   if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 ||
       reply->element[0]->type != REDIS_REPLY_STRING ||
       reply->element[1]->type != REDIS_REPLY_STRING) {
@@ -318,8 +192,8 @@ std::optional<ServiceBackend::Batch> RedisService::getEvents(const std::string& 
   return Batch{text(*reply->element[1]), text(*reply->element[0])};
 }
 
-std::optional<ClientIDs> RedisService::getSharedClients(const std::string& serverID,
-                                                        const std::string& clientID) {
+ClientIDs RedisService::getSharedClients(const std::string& serverID,
+                                         const std::string& clientID) {
   return clientsOf(run(kShared, serverID, {}, {clientID}));
 }
 
@@ -352,8 +226,7 @@ std::vector<ServiceBackend::Backlog> RedisService::getClientBacklogs(const std::
     cursorOf[text(*cursors->element[i])] = text(*cursors->element[i + 1]);
   }
   std::vector<Backlog> backlogs;
-  const std::optional<ClientIDs> clients = clientsOf(request({"ZRANGE", keys.clients, "0", "-1"}));
-  for (const std::string& client : clients.value_or(ClientIDs())) {
+  for (const std::string& client : clientsOf(request({"ZRANGE", keys.clients, "0", "-1"}))) {
     Backlog backlog{client};
     const std::string& cursor = cursorOf[backlog.clientID];
     const std::size_t space = cursor.find(' ');
@@ -372,4 +245,4 @@ std::vector<ServiceBackend::Backlog> RedisService::getClientBacklogs(const std::
   return backlogs;
 }
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service

@@ -1,10 +1,10 @@
-#include "binding/EmbeddedService.h"
+#include "service/EmbeddedService.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <utility>
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 EmbeddedService::EmbeddedService(Retention retention) : retention(retention) {}
 
@@ -21,9 +21,17 @@ EmbeddedService::Client* EmbeddedService::find(const std::string& serverID,
   const auto server = servers.find(serverID);
   if (server == servers.end()) return nullptr;
   std::vector<Client>& clients = server->second.clients;
-  const auto caller = std::find_if(clients.begin(), clients.end(),
+  const auto client = std::find_if(clients.begin(), clients.end(),
                                    [&](const Client& c) { return c.id == clientID; });
-  return caller != clients.end() ? &*caller : nullptr;
+  return client != clients.end() ? &*client : nullptr;
+}
+
+EmbeddedService::Client& EmbeddedService::caller(const std::string& serverID,
+                                                 const std::string& clientID,
+                                                 const char* operation) {
+  Client* found = find(serverID, clientID);
+  if (found == nullptr) throw unknownClient(serverID, clientID, operation);
+  return *found;
 }
 
 void EmbeddedService::dropAcknowledged(Server& server) {
@@ -40,13 +48,12 @@ ClientIDs EmbeddedService::registerClient(const std::string& serverID,
   return idsOf(server);
 }
 
-std::optional<ClientIDs> EmbeddedService::unregisterClient(const std::string& serverID,
-                                                           const std::string& clientID) {
+ClientIDs EmbeddedService::unregisterClient(const std::string& serverID,
+                                            const std::string& clientID) {
   std::lock_guard<std::mutex> lock(mutex);
-  const Client* caller = find(serverID, clientID);
-  if (caller == nullptr) return std::nullopt;
+  const Client& leaving = caller(serverID, clientID, "unregisterClient");
   Server& server = servers[serverID];
-  server.clients.erase(server.clients.begin() + (caller - server.clients.data()));
+  server.clients.erase(server.clients.begin() + (&leaving - server.clients.data()));
   ClientIDs remaining = idsOf(server);
   if (server.clients.empty()) {
     servers.erase(serverID);
@@ -56,44 +63,41 @@ std::optional<ClientIDs> EmbeddedService::unregisterClient(const std::string& se
   return remaining;
 }
 
-std::optional<ClientIDs> EmbeddedService::putEvents(const std::string& serverID,
-                                                    const std::string& clientID,
-                                                    const std::string& event) {
+ClientIDs EmbeddedService::putEvents(const std::string& serverID, const std::string& clientID,
+                                     const std::string& event) {
   std::lock_guard<std::mutex> lock(mutex);
-  Client* caller = find(serverID, clientID);
-  if (caller == nullptr) return std::nullopt;
+  Client& sender = caller(serverID, clientID, "putEvents");
   Server& server = servers[serverID];
   const Clock::time_point now = Clock::now();
   server.log.push_back(Entry{++server.added, clientID, event, now});
   // A caller that had nothing pending need not hold the log back for an event of its own.
-  if (caller->cursor == server.added - 1) caller->cursor = server.added;
+  if (sender.cursor == server.added - 1) sender.cursor = server.added;
   while (retention.events > 0 && server.log.size() > retention.events) server.log.pop_front();
   while (retention.age.count() > 0 && !server.log.empty() &&
          now - server.log.front().posted > retention.age) {
     server.log.pop_front();
   }
   dropAcknowledged(server);
-  return idsOf(server, caller);
+  return idsOf(server, &sender);
 }
 
-std::optional<ServiceBackend::Batch> EmbeddedService::getEvents(const std::string& serverID,
-                                                                const std::string& clientID,
-                                                                const std::string& acknowledged) {
+ServiceBackend::Batch EmbeddedService::getEvents(const std::string& serverID,
+                                                 const std::string& clientID,
+                                                 const std::string& acknowledged) {
   std::lock_guard<std::mutex> lock(mutex);
-  Client* caller = find(serverID, clientID);
-  if (caller == nullptr) return std::nullopt;
+  Client& fetcher = caller(serverID, clientID, "getEvents");
   Server& server = servers[serverID];
   // Only a `last` of this service comes back here; anything else acknowledges nothing.
   const uint64_t position = std::strtoull(acknowledged.c_str(), nullptr, 10);
-  if (position > caller->cursor && position <= server.added) {
-    caller->cursor = position;
+  if (position > fetcher.cursor && position <= server.added) {
+    fetcher.cursor = position;
     dropAcknowledged(server);
   }
   Batch batch;
   std::size_t count = 0;
   const uint64_t first = server.firstPosition();
   std::size_t at =
-      caller->cursor < first ? 0 : static_cast<std::size_t>(caller->cursor + 1 - first);
+      fetcher.cursor < first ? 0 : static_cast<std::size_t>(fetcher.cursor + 1 - first);
   for (std::size_t looked = 0; at < server.log.size() && looked < kFetchScanLimit; ++at, ++looked) {
     const Entry& entry = server.log[at];
     if (entry.sender != clientID) {
@@ -109,10 +113,10 @@ std::optional<ServiceBackend::Batch> EmbeddedService::getEvents(const std::strin
   return batch;
 }
 
-std::optional<ClientIDs> EmbeddedService::getSharedClients(const std::string& serverID,
-                                                           const std::string& clientID) {
+ClientIDs EmbeddedService::getSharedClients(const std::string& serverID,
+                                            const std::string& clientID) {
   std::lock_guard<std::mutex> lock(mutex);
-  if (find(serverID, clientID) == nullptr) return std::nullopt;
+  caller(serverID, clientID, "getSharedClients");
   return idsOf(servers[serverID]);
 }
 
@@ -138,4 +142,4 @@ std::vector<ServiceBackend::Backlog> EmbeddedService::getClientBacklogs(
   return backlogs;
 }
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service

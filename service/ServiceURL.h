@@ -14,17 +14,16 @@
 // A DURATION is a whole number with the unit ms, s, m, h or d (seconds when none is given).
 // Credentials are percent-decoded; with a user, Redis is asked to AUTH as that user, with a
 // password alone as the default user.
-#ifndef KSMEM_BINDING_SERVICEURL_H_
-#define KSMEM_BINDING_SERVICEURL_H_
+#ifndef KSMEM_SERVICE_SERVICEURL_H_
+#define KSMEM_SERVICE_SERVICEURL_H_
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 // What a server's log keeps of events that not every client has acknowledged.
 struct Retention {
@@ -52,10 +51,11 @@ struct ServiceURL {
   Retention retention;
 };
 
-// The service that `text` names, or nothing with `problem` set to a sentence that says what is
-// wrong with it and lists the accepted forms (the password is never in it).
-std::optional<ServiceURL> parseServiceURL(std::string_view text, std::string& problem);
+// The service that `text` names. Throws ServiceFailure (KSMEM_ERR_SERVICE_UNREACHABLE) with a
+// sentence that says what is wrong with it and lists the accepted forms (the password is never
+// in it).
+ServiceURL parseServiceURL(std::string_view text);
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service
 
-#endif  // KSMEM_BINDING_SERVICEURL_H_
+#endif  // KSMEM_SERVICE_SERVICEURL_H_

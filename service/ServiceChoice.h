@@ -5,15 +5,15 @@
 // its own: it reads the variable again, and it does not share its parent's embedded service.
 //
 // Safe to call from several threads at once.
-#ifndef KSMEM_BINDING_SERVICECHOICE_H_
-#define KSMEM_BINDING_SERVICECHOICE_H_
+#ifndef KSMEM_SERVICE_SERVICECHOICE_H_
+#define KSMEM_SERVICE_SERVICECHOICE_H_
 
 #include <memory>
 #include <string>
 
-#include "binding/ServiceBackend.h"
+#include "service/ServiceBackend.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 struct ServiceChoice {
   std::unique_ptr<ServiceBackend> backend;  // null when KSMEM_SERVICE names no service
@@ -24,10 +24,6 @@ struct ServiceChoice {
 // stays valid for the life of the process.
 const ServiceChoice& processService();
 
-// A number that changes in a forked child, so that state kept per process (a connection, say)
-// can tell that it was inherited from the parent rather than made in this process.
-unsigned processGeneration();
+}  // namespace Kestrane::Net::KsModelEventManager::Service
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
-
-#endif  // KSMEM_BINDING_SERVICECHOICE_H_
+#endif  // KSMEM_SERVICE_SERVICECHOICE_H_

@@ -1,4 +1,4 @@
-#include "binding/RedisRouter.h"
+#include "service/redis/RedisRouter.h"
 
 #include <algorithm>
 #include <chrono>
@@ -6,7 +6,9 @@
 #include <sstream>
 #include <thread>
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+#include "client/KsMemBinding.h"
+
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 namespace {
 
@@ -190,12 +192,10 @@ RedisReply RedisRouter::send(Node& node, const RedisCommand& parts, bool replica
   // No replica took the write: where the primary has lost its replicas for good, it stands
   // alone. Otherwise the write may vanish with this primary, so it does not count.
   if (standsAlone(node, *node.connection->command(role))) return reply;
-  ReplyLost unreplicated;
-  unreplicated.code = KSMEM_ERR_SERVICE_UNREACHABLE;
-  unreplicated.text = "lost the connection to the service at " + url.shown + ": node " +
+  throw ReplyLost(KSMEM_ERR_SERVICE_UNREACHABLE,
+                  "lost the connection to the service at " + url.shown + ": node " +
                       node.address.host + ":" + std::to_string(node.address.port) +
-                      ": no replica took the write within " + waitMs + " ms";
-  throw unreplicated;
+                      ": no replica took the write within " + waitMs + " ms");
 }
 
 RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replicated) {
@@ -247,4 +247,4 @@ RedisReply RedisRouter::command(int slot, const RedisCommand& parts, bool replic
   }
 }
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service

@@ -1,4 +1,4 @@
-#include "binding/RedisConnection.h"
+#include "service/redis/RedisConnection.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <new>
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+#include "client/KsMemBinding.h"
+
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 namespace {
 
@@ -72,26 +74,23 @@ void RedisConnection::close() {
 template <typename Failure>
 void RedisConnection::fail(const char* what, const std::string& reason) {
   close();
-  Failure failure;
-  failure.code = KSMEM_ERR_SERVICE_UNREACHABLE;
-  failure.text = what + url.shown + ": ";
+  std::string text = what + url.shown + ": ";
   if (url.kind == ServiceURL::Kind::kRedisCluster) {
-    failure.text += "node " + node->host + ":" + std::to_string(node->port) + ": ";
+    text += "node " + node->host + ":" + std::to_string(node->port) + ": ";
   }
-  failure.text += reason;
-  throw failure;
+  throw Failure(KSMEM_ERR_SERVICE_UNREACHABLE, text + reason);
 }
 
 void RedisConnection::refused(const redisReply& error) const {
-  throw ServiceFailure{
+  throw ServiceFailure(
       KSMEM_ERR_SERVICE_REFUSED,
-      "the service at " + url.shown + " refused the request: " + std::string(error.str, error.len)};
+      "the service at " + url.shown + " refused the request: " + std::string(error.str, error.len));
 }
 
 void RedisConnection::unexpected() const {
-  throw ServiceFailure{
+  throw ServiceFailure(
       KSMEM_ERR_SERVICE_REFUSED,
-      "the service at " + url.shown + " gave a reply of another kind than was asked for"};
+      "the service at " + url.shown + " gave a reply of another kind than was asked for");
 }
 
 std::vector<RedisReply> RedisConnection::send(const std::vector<RedisCommand>& batch,
@@ -171,4 +170,4 @@ RedisReply RedisConnection::command(const RedisCommand& parts) {
   return std::move(commands({parts}).front());
 }
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service

@@ -14,8 +14,8 @@
 //                 or may not have run it.
 // Either way the connection is closed, and the next command connects again. An error reply of
 // Redis is a reply like any other.
-#ifndef KSMEM_BINDING_REDISCONNECTION_H_
-#define KSMEM_BINDING_REDISCONNECTION_H_
+#ifndef KSMEM_SERVICE_REDIS_REDISCONNECTION_H_
+#define KSMEM_SERVICE_REDIS_REDISCONNECTION_H_
 
 #include <hiredis/hiredis.h>
 
@@ -24,10 +24,10 @@
 #include <string_view>
 #include <vector>
 
-#include "binding/ServiceBackend.h"
-#include "binding/ServiceURL.h"
+#include "service/ServiceFailure.h"
+#include "service/ServiceURL.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 struct ReplyDeleter {
   void operator()(redisReply* reply) const { freeReplyObject(reply); }
@@ -35,8 +35,12 @@ struct ReplyDeleter {
 using RedisReply = std::unique_ptr<redisReply, ReplyDeleter>;
 using RedisCommand = std::vector<std::string_view>;
 
-struct NotConnected : ServiceFailure {};
-struct ReplyLost : ServiceFailure {};
+struct NotConnected : ServiceFailure {
+  using ServiceFailure::ServiceFailure;
+};
+struct ReplyLost : ServiceFailure {
+  using ServiceFailure::ServiceFailure;
+};
 
 class RedisConnection {
  public:
@@ -72,6 +76,6 @@ class RedisConnection {
   redisContext* context = nullptr;
 };
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service
 
-#endif  // KSMEM_BINDING_REDISCONNECTION_H_
+#endif  // KSMEM_SERVICE_REDIS_REDISCONNECTION_H_

@@ -36,21 +36,19 @@
 // and two hex digits.
 //
 // handle() may be called from several threads at once; a backend guards its own state.
-#ifndef KSMEM_BINDING_SERVICEBACKEND_H_
-#define KSMEM_BINDING_SERVICEBACKEND_H_
+#ifndef KSMEM_SERVICE_SERVICEBACKEND_H_
+#define KSMEM_SERVICE_SERVICEBACKEND_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "binding/HeaderBlock.h"
-#include "client/KsMemBinding.h"
+#include "service/ServiceFailure.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 // What every backend keeps to, so that a reply stays far below the client's limits.
 inline constexpr std::size_t kMaxEventBytes = std::size_t{1} << 20;
@@ -60,25 +58,17 @@ inline constexpr std::size_t kBatchBytes = std::size_t{4} << 20;
 // long run of them must not make one fetch long. The next fetch goes on from there.
 inline constexpr std::size_t kFetchScanLimit = 10000;
 
-struct ServiceResult {
-  int32_t code = 0;  // 0 for a reply, else a failure code of KsMemBinding.h
-  std::string text;  // the reply bytes, or for a failure a sentence that says what was wrong
-};
-
-// What a backend's operation throws when the service cannot serve the request at all.
-struct ServiceFailure {
-  int32_t code;
-  std::string text;
-};
-
+// The headers of a request by name, as the client rendered them.
+using RequestHeaders = std::map<std::string, std::string>;
 using ClientIDs = std::vector<std::string>;
 
 class ServiceBackend {
  public:
   virtual ~ServiceBackend() = default;
 
-  // Serves one request: `headers` as the client rendered them, `body` byte for byte.
-  ServiceResult handle(const RequestHeaders& headers, const std::string& body);
+  // Serves one request, `body` byte for byte, and gives the reply bytes. Throws ServiceFailure
+  // when the request cannot be served.
+  std::string handle(const RequestHeaders& headers, const std::string& body);
 
  protected:
   // What one fetch hands over, and `last`: where in the log it stopped (empty when it looked at
@@ -93,35 +83,39 @@ class ServiceBackend {
     int64_t oldestAgeMs = -1;
   };
 
-  // The operations of a well-formed request. Those that take a caller give nothing back when
-  // (serverID, clientID) is not registered. Each may throw ServiceFailure.
+  // The operations of a well-formed request. Each throws ServiceFailure when it cannot be
+  // served; those that take a caller throw unknownClient(...) when (serverID, clientID) is not
+  // registered.
   //
   // getStatus: returns once the service has shown that it answers.
   virtual void checkAnswers() {}
   virtual ClientIDs registerClient(const std::string& serverID, const std::string& clientID) = 0;
-  virtual std::optional<ClientIDs> unregisterClient(const std::string& serverID,
-                                                    const std::string& clientID) = 0;
+  virtual ClientIDs unregisterClient(const std::string& serverID,
+                                     const std::string& clientID) = 0;
   // Gives the clients that the event was queued for.
-  virtual std::optional<ClientIDs> putEvents(const std::string& serverID,
-                                             const std::string& clientID,
-                                             const std::string& event) = 0;
+  virtual ClientIDs putEvents(const std::string& serverID, const std::string& clientID,
+                              const std::string& event) = 0;
   // First moves the caller's cursor up to `acknowledged` (a `last` of an earlier batch of this
   // client, or empty), never back; then gives the batch after the cursor.
-  virtual std::optional<Batch> getEvents(const std::string& serverID, const std::string& clientID,
-                                         const std::string& acknowledged) = 0;
-  virtual std::optional<ClientIDs> getSharedClients(const std::string& serverID,
-                                                    const std::string& clientID) = 0;
+  virtual Batch getEvents(const std::string& serverID, const std::string& clientID,
+                          const std::string& acknowledged) = 0;
+  virtual ClientIDs getSharedClients(const std::string& serverID,
+                                     const std::string& clientID) = 0;
   virtual std::vector<Backlog> getClientBacklogs(const std::string& serverID) = 0;
 
+  // The failure of `operation` from a caller that is not registered.
+  static ServiceFailure unknownClient(const std::string& serverID, const std::string& clientID,
+                                      const std::string& operation);
+
  private:
-  ServiceResult serve(const std::string& operation, const std::string& serverID,
-                      const std::string& clientID, const std::string& body);
+  std::string serve(const std::string& operation, const std::string& serverID,
+                    const std::string& clientID, const std::string& body);
 
   std::mutex acknowledgementsMutex;
   // By server and client: the `last` that the client's next fetch acknowledges.
   std::map<std::pair<std::string, std::string>, std::string> acknowledgements;  // guarded
 };
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service
 
-#endif  // KSMEM_BINDING_SERVICEBACKEND_H_
+#endif  // KSMEM_SERVICE_SERVICEBACKEND_H_

@@ -1,8 +1,12 @@
-#include "binding/ServiceURL.h"
+#include "service/ServiceURL.h"
 
 #include <limits>
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+#include "client/KsMemBinding.h"
+#include "service/PercentEncoding.h"
+#include "service/ServiceFailure.h"
+
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 namespace {
 
@@ -48,34 +52,11 @@ std::optional<std::chrono::milliseconds> duration(std::string_view text) {
   return std::chrono::milliseconds(static_cast<int64_t>(*count * scale));
 }
 
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::optional<std::string> percentDecoded(std::string_view text) {
-  std::string decoded;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      decoded += text[i];
-      continue;
-    }
-    const int high = i + 2 < text.size() ? hexDigit(text[i + 1]) : -1;
-    const int low = high >= 0 ? hexDigit(text[i + 2]) : -1;
-    if (low < 0) return std::nullopt;
-    decoded += static_cast<char>(high << 4 | low);
-    i += 2;
-  }
-  return decoded;
-}
-
 class Parser {
  public:
-  Parser(std::string_view text, std::string& problem) : text(text), problem(problem) {}
+  explicit Parser(std::string_view text) : text(text) {}
 
-  std::optional<ServiceURL> parse() {
+  ServiceURL parse() {
     url.shown = std::string(text);
     std::string_view scheme;
     for (const std::string_view form : {"redis://", "unix://", "redis-cluster://"}) {
@@ -102,47 +83,43 @@ class Parser {
           scheme.size() + (colon == std::string_view::npos ? 0 : colon + 1);
       url.shown = std::string(text.substr(0, shownUpTo)) + "***" +
                   std::string(text.substr(scheme.size() + at));
-      if (!credentials(rest.substr(0, at))) return std::nullopt;
+      credentials(rest.substr(0, at));
       rest = rest.substr(at + 1);
     }
     const std::size_t query = rest.find('?');
     const std::string_view options =
         query == std::string_view::npos ? std::string_view() : rest.substr(query + 1);
     rest = rest.substr(0, query);
-    bool parsed = false;
     if (scheme.empty() && (rest == "embedded" || rest.empty())) {
-      parsed = query == std::string_view::npos || !rest.empty();
-      if (!parsed) fail("options follow no service");
+      if (query != std::string_view::npos && rest.empty()) fail("options follow no service");
     } else if (scheme == "redis://") {
       url.kind = ServiceURL::Kind::kRedis;
-      parsed = tcp(rest);
+      tcp(rest);
     } else if (scheme == "unix://") {
       url.kind = ServiceURL::Kind::kRedis;
-      parsed = rest.substr(0, 1) == "/" || fail("the socket path does not start with \"/\"");
+      if (rest.substr(0, 1) != "/") fail("the socket path does not start with \"/\"");
       url.socketPath = std::string(rest);
     } else if (scheme == "redis-cluster://") {
       url.kind = ServiceURL::Kind::kRedisCluster;
-      parsed = cluster(rest);
+      cluster(rest);
     } else {
       fail(
           "it starts with none of \"embedded\", \"redis://\", \"unix://\" and "
           "\"redis-cluster://\"");
     }
-    if (!parsed || (query != std::string_view::npos && !parseOptions(options))) {
-      return std::nullopt;
-    }
+    if (query != std::string_view::npos) parseOptions(options);
     return std::move(url);
   }
 
  private:
-  bool fail(const std::string& reason) {
-    problem = "KSMEM_SERVICE is \"" + url.shown + "\", which names no service: " + reason + ". " +
-              kAcceptedForms;
-    return false;
+  [[noreturn]] void fail(const std::string& reason) {
+    throw ServiceFailure(KSMEM_ERR_SERVICE_UNREACHABLE, "KSMEM_SERVICE is \"" + url.shown +
+                                                            "\", which names no service: " +
+                                                            reason + ". " + kAcceptedForms);
   }
 
   // USER:PASSWORD or :PASSWORD, percent-encoded.
-  bool credentials(std::string_view userInfo) {
+  void credentials(std::string_view userInfo) {
     const std::size_t colon = userInfo.find(':');
     std::optional<std::string> user, password;
     if (colon != std::string_view::npos) {
@@ -150,70 +127,68 @@ class Parser {
       password = percentDecoded(userInfo.substr(colon + 1));
     }
     if (!user || !password || password->empty()) {
-      return fail("credentials take the form USER:PASSWORD or :PASSWORD, percent-encoded");
+      fail("credentials take the form USER:PASSWORD or :PASSWORD, percent-encoded");
     }
     url.user = std::move(*user);
     url.password = std::move(*password);
-    return true;
   }
 
   // HOST[:PORT] or [IPV6]:PORT.
-  bool endpoint(std::string_view text) {
+  void endpoint(std::string_view text) {
     Endpoint node;
     std::size_t colon = text.rfind(':');
     if (!text.empty() && text.front() == '[') {
       const std::size_t close = text.find(']');
-      if (close == std::string_view::npos) return fail("the host \"[\" is not closed by \"]\"");
+      if (close == std::string_view::npos) fail("the host \"[\" is not closed by \"]\"");
       node.host = std::string(text.substr(1, close - 1));
       colon = close + 1 < text.size() ? close + 1 : std::string_view::npos;
       if (colon != std::string_view::npos && text[colon] != ':') {
-        return fail("text follows the host \"" + std::string(text.substr(0, close + 1)) + "\"");
+        fail("text follows the host \"" + std::string(text.substr(0, close + 1)) + "\"");
       }
     } else {
       node.host = std::string(text.substr(0, colon));
       if (node.host.find(':') != std::string::npos) {
-        return fail("an IPv6 address goes in brackets, as in [::1]:6379");
+        fail("an IPv6 address goes in brackets, as in [::1]:6379");
       }
     }
-    if (node.host.empty()) return fail("no host is given");
+    if (node.host.empty()) fail("no host is given");
     if (colon != std::string_view::npos) {
       const std::string_view port = text.substr(colon + 1);
       const std::optional<uint64_t> value = number(port, 65535);
       if (!value || *value == 0) {
-        return fail("the port \"" + std::string(port) + "\" is not a number from 1 to 65535");
+        fail("the port \"" + std::string(port) + "\" is not a number from 1 to 65535");
       }
       node.port = static_cast<int>(*value);
     }
     url.nodes.push_back(std::move(node));
-    return true;
   }
 
   // HOST[:PORT][/DB]
-  bool tcp(std::string_view rest) {
+  void tcp(std::string_view rest) {
     const std::size_t slash = rest.find('/');
     if (slash != std::string_view::npos) {
       const std::string_view db = rest.substr(slash + 1);
       const std::optional<uint64_t> value = number(db, std::numeric_limits<int>::max());
-      if (!value) return fail("the database \"" + std::string(db) + "\" is not a whole number");
+      if (!value) fail("the database \"" + std::string(db) + "\" is not a whole number");
       url.db = static_cast<int>(*value);
     }
     return endpoint(rest.substr(0, slash));
   }
 
   // HOST:PORT[,HOST:PORT...]
-  bool cluster(std::string_view seeds) {
+  void cluster(std::string_view seeds) {
     if (seeds.find('/') != std::string_view::npos) {
-      return fail("a Redis Cluster has no database but 0, so the form has no \"/DB\"");
+      fail("a Redis Cluster has no database but 0, so the form has no \"/DB\"");
     }
     for (;;) {
       const std::size_t comma = seeds.find(',');
-      if (!endpoint(seeds.substr(0, comma))) return false;
-      if (comma == std::string_view::npos) return true;
+      endpoint(seeds.substr(0, comma));
+      if (comma == std::string_view::npos) return;
       seeds = seeds.substr(comma + 1);
     }
   }
 
-  bool parseOptions(std::string_view options) {
+  void parseOptions(std::string_view options) {
     for (;;) {
       const std::size_t end = options.find('&');
       const std::string_view option = options.substr(0, end);
@@ -221,53 +196,48 @@ class Parser {
       const std::string_view name = option.substr(0, equals);
       const std::string_view value =
           equals == std::string_view::npos ? std::string_view() : option.substr(equals + 1);
-      if (!setOption(name, value)) return false;
+      setOption(name, value);
       if (end == std::string_view::npos) break;
       options = options.substr(end + 1);
     }
-    return true;
   }
 
-  bool setOption(std::string_view name, std::string_view value) {
+  void setOption(std::string_view name, std::string_view value) {
     const auto invalid = [&](const char* what) {
-      return fail("the option " + std::string(name) + " has the value \"" + std::string(value) +
-                  "\", which is not " + what);
+      fail("the option " + std::string(name) + " has the value \"" + std::string(value) +
+           "\", which is not " + what);
     };
     if (name == "retention") {
       const std::optional<uint64_t> events = number(value, std::numeric_limits<int64_t>::max());
-      if (!events) return invalid("a whole number of events");
+      if (!events) invalid("a whole number of events");
       url.retention.events = *events;
     } else if (name == "retention-age") {
       const std::optional<std::chrono::milliseconds> age = duration(value);
       if (!age || age->count() % 1000 != 0) {
-        return invalid("a DURATION of whole seconds up to 3650d, such as 90s, 30m, 12h or 7d");
+        invalid("a DURATION of whole seconds up to 3650d, such as 90s, 30m, 12h or 7d");
       }
       url.retention.age = std::chrono::duration_cast<std::chrono::seconds>(*age);
     } else if (name == "timeout" && url.kind != ServiceURL::Kind::kEmbedded) {
       const std::optional<std::chrono::milliseconds> timeout = duration(value);
       if (!timeout || timeout->count() == 0) {
-        return invalid("a DURATION above 0 and up to 3650d, such as 500ms, 5s or 1m");
+        invalid("a DURATION above 0 and up to 3650d, such as 500ms, 5s or 1m");
       }
       url.timeout = *timeout;
     } else if (name == "db" && !url.socketPath.empty()) {
       const std::optional<uint64_t> db = number(value, std::numeric_limits<int>::max());
-      if (!db) return invalid("a whole number");
+      if (!db) invalid("a whole number");
       url.db = static_cast<int>(*db);
     } else {
-      return fail("it has no option \"" + std::string(name) + "\" for this form");
+      fail("it has no option \"" + std::string(name) + "\" for this form");
     }
-    return true;
   }
 
   std::string_view text;
-  std::string& problem;
   ServiceURL url;
 };
 
 }  // namespace
 
-std::optional<ServiceURL> parseServiceURL(std::string_view text, std::string& problem) {
-  return Parser(text, problem).parse();
-}
+ServiceURL parseServiceURL(std::string_view text) { return Parser(text).parse(); }
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service

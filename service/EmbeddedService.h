@@ -8,8 +8,8 @@
 // beyond the retention limit (exactly: the newest `retention.events` stay).
 //
 // Safe to use from several threads at once: all state sits under one lock.
-#ifndef KSMEM_BINDING_EMBEDDEDSERVICE_H_
-#define KSMEM_BINDING_EMBEDDEDSERVICE_H_
+#ifndef KSMEM_SERVICE_EMBEDDEDSERVICE_H_
+#define KSMEM_SERVICE_EMBEDDEDSERVICE_H_
 
 #include <chrono>
 #include <deque>
@@ -18,10 +18,10 @@
 #include <string>
 #include <vector>
 
-#include "binding/ServiceBackend.h"
-#include "binding/ServiceURL.h"
+#include "service/ServiceBackend.h"
+#include "service/ServiceURL.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 class EmbeddedService : public ServiceBackend {
  public:
@@ -29,14 +29,12 @@ class EmbeddedService : public ServiceBackend {
 
  protected:
   ClientIDs registerClient(const std::string& serverID, const std::string& clientID) override;
-  std::optional<ClientIDs> unregisterClient(const std::string& serverID,
-                                            const std::string& clientID) override;
-  std::optional<ClientIDs> putEvents(const std::string& serverID, const std::string& clientID,
-                                     const std::string& event) override;
-  std::optional<Batch> getEvents(const std::string& serverID, const std::string& clientID,
-                                 const std::string& acknowledged) override;
-  std::optional<ClientIDs> getSharedClients(const std::string& serverID,
-                                            const std::string& clientID) override;
+  ClientIDs unregisterClient(const std::string& serverID, const std::string& clientID) override;
+  ClientIDs putEvents(const std::string& serverID, const std::string& clientID,
+                      const std::string& event) override;
+  Batch getEvents(const std::string& serverID, const std::string& clientID,
+                  const std::string& acknowledged) override;
+  ClientIDs getSharedClients(const std::string& serverID, const std::string& clientID) override;
   std::vector<Backlog> getClientBacklogs(const std::string& serverID) override;
 
  private:
@@ -60,6 +58,9 @@ class EmbeddedService : public ServiceBackend {
 
   // The caller within its server, or null when it is not registered. REQUIRES: mutex held.
   Client* find(const std::string& serverID, const std::string& clientID);
+  // The caller of `operation` within its server; throws unknownClient when it is not
+  // registered. REQUIRES: mutex held.
+  Client& caller(const std::string& serverID, const std::string& clientID, const char* operation);
   // Drops the events that every client has acknowledged. REQUIRES: mutex held.
   static void dropAcknowledged(Server& server);
   // The ids of the server's clients, all but `leftOut` if given.
@@ -70,6 +71,6 @@ class EmbeddedService : public ServiceBackend {
   std::map<std::string, Server> servers;  // by server identifier; guarded; never without clients
 };
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service
 
-#endif  // KSMEM_BINDING_EMBEDDEDSERVICE_H_
+#endif  // KSMEM_SERVICE_EMBEDDEDSERVICE_H_

@@ -13,7 +13,7 @@
 //   {ksmem:S}:op:ID     a post or unregister done, kept for kRepeatWindow (at least)
 // Client identifiers are stored as they are, byte for byte.
 //
-// Each operation is one Lua script (EVALSHA, EVAL again after NOSCRIPT) whose keys are all
+// Each operation is one Lua script (the .lua files beside this one; EVALSHA, EVAL again after NOSCRIPT) whose keys are all
 // passed in KEYS, so no other client ever sees half an operation. The log is trimmed behind the
 // slowest cursor and, as each event is posted, to the retention limit; Redis trims whole blocks
 // of entries, so it may keep up to about 100 events more than the limit says.
@@ -29,8 +29,8 @@
 // A repeated fetch carries the same acknowledgement and reads the same batch.
 //
 // Safe to use from several threads at once.
-#ifndef KSMEM_BINDING_REDISSERVICE_H_
-#define KSMEM_BINDING_REDISSERVICE_H_
+#ifndef KSMEM_SERVICE_REDIS_REDISSERVICE_H_
+#define KSMEM_SERVICE_REDIS_REDISSERVICE_H_
 
 #include <chrono>
 #include <initializer_list>
@@ -38,11 +38,11 @@
 #include <string_view>
 #include <vector>
 
-#include "binding/RedisRouter.h"
-#include "binding/ServiceBackend.h"
-#include "binding/ServiceURL.h"
+#include "service/redis/RedisRouter.h"
+#include "service/ServiceBackend.h"
+#include "service/ServiceURL.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 class RedisService : public ServiceBackend {
  public:
@@ -55,14 +55,12 @@ class RedisService : public ServiceBackend {
  protected:
   void checkAnswers() override;
   ClientIDs registerClient(const std::string& serverID, const std::string& clientID) override;
-  std::optional<ClientIDs> unregisterClient(const std::string& serverID,
-                                            const std::string& clientID) override;
-  std::optional<ClientIDs> putEvents(const std::string& serverID, const std::string& clientID,
-                                     const std::string& event) override;
-  std::optional<Batch> getEvents(const std::string& serverID, const std::string& clientID,
-                                 const std::string& acknowledged) override;
-  std::optional<ClientIDs> getSharedClients(const std::string& serverID,
-                                            const std::string& clientID) override;
+  ClientIDs unregisterClient(const std::string& serverID, const std::string& clientID) override;
+  ClientIDs putEvents(const std::string& serverID, const std::string& clientID,
+                      const std::string& event) override;
+  Batch getEvents(const std::string& serverID, const std::string& clientID,
+                  const std::string& acknowledged) override;
+  ClientIDs getSharedClients(const std::string& serverID, const std::string& clientID) override;
   std::vector<Backlog> getClientBacklogs(const std::string& serverID) override;
 
  private:
@@ -70,15 +68,16 @@ class RedisService : public ServiceBackend {
 
   // The calling thread's way to this service.
   RedisRouter& router();
-  // Runs `script` with the server's keys (and `opKey` after them, if not empty) and `args`;
-  // an error reply fails the request.
+  // Runs `script` with the server's keys (and `opKey` after them, if not empty) and `args`, the
+  // first of them the caller; an error reply fails the request, and so does a nil reply, which
+  // says that the caller is not registered.
   RedisReply run(Script script, const std::string& serverID, std::string_view opKey,
                  std::initializer_list<std::string_view> args);
-  std::optional<ClientIDs> clientsOf(const RedisReply& reply);
+  ClientIDs clientsOf(const RedisReply& reply);
 
   const ServiceURL url;
 };
 
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service
 
-#endif  // KSMEM_BINDING_REDISSERVICE_H_
+#endif  // KSMEM_SERVICE_REDIS_REDISSERVICE_H_

@@ -1,45 +1,47 @@
-#include "binding/ServiceChoice.h"
+#include "service/ServiceChoice.h"
 
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
-#include <optional>
 
-#include "binding/EmbeddedService.h"
-#include "binding/RedisService.h"
-#include "binding/ServiceURL.h"
+#include "service/EmbeddedService.h"
+#include "service/redis/RedisService.h"
+#include "service/ServiceURL.h"
 
-namespace Kestrane::Net::KsModelEventManager::Binding {
+namespace Kestrane::Net::KsModelEventManager::Service {
 
 namespace {
 
+// The one place that builds the backend a URL names.
 ServiceChoice choose(const char* value) {
   ServiceChoice choice;
-  std::optional<ServiceURL> url = parseServiceURL(value != nullptr ? value : "", choice.problem);
-  if (url && url->kind == ServiceURL::Kind::kEmbedded) {
-    choice.backend = std::make_unique<EmbeddedService>(url->retention);
-  } else if (url) {
-    choice.backend = std::make_unique<RedisService>(std::move(*url));
+  try {
+    ServiceURL url = parseServiceURL(value != nullptr ? value : "");
+    if (url.kind == ServiceURL::Kind::kEmbedded) {
+      choice.backend = std::make_unique<EmbeddedService>(url.retention);
+    } else {
+      choice.backend = std::make_unique<RedisService>(std::move(url));
+    }
+  } catch (const ServiceFailure& failure) {
+    choice.problem = failure.what();
   }
   return choice;
 }
 
 // The choice is made once per process. A forked child must make its own (it does not share its
 // parent's embedded service or connections), so a handler that runs in the child forgets the
-// choice and counts the fork; the fork itself waits for a choice in progress, so the child
-// never inherits the lock held.
+// choice; the fork itself waits for a choice in progress, so the child never inherits the lock
+// held.
 std::mutex choiceMutex;
 std::atomic<bool> chosen{false};
-std::atomic<unsigned> forks{0};
 ServiceChoice choice;  // guarded by choiceMutex until chosen
 
 void holdChoiceForFork() { choiceMutex.lock(); }
 void releaseChoiceAfterFork() { choiceMutex.unlock(); }
 void forgetChoiceInChild() {
   chosen.store(false, std::memory_order_relaxed);
-  forks.fetch_add(1, std::memory_order_relaxed);
   choiceMutex.unlock();
 }
 
@@ -58,6 +60,4 @@ const ServiceChoice& processService() {
   return choice;
 }
 
-unsigned processGeneration() { return forks.load(std::memory_order_relaxed); }
-
-}  // namespace Kestrane::Net::KsModelEventManager::Binding
+}  // namespace Kestrane::Net::KsModelEventManager::Service
