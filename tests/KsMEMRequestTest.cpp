@@ -3,6 +3,7 @@
 // a result code selects and the message the transport's last error text makes.
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <sstream>
 #include <tuple>
 
@@ -141,6 +142,24 @@ TEST(KsMEMRequestTest, InitialiseFailsOnAnyResultButZeroAndTerminateOnNegativeOn
             "KsMEMUnrecognisedException 0 scripted failure");
   EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "");
   EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "KsMEMProtocolException 0 scripted failure");
+}
+
+// The numbers that the transport library sends: every other test uses the names, so this one
+// alone notices a name that no longer stands for what the transport sends.
+TEST(TransportContractTest, EachStatusAndResultCodeHasTheNumberTheTransportSends) {
+  const std::pair<int32_t, int32_t> named[] = {
+      {KSMEM_RECEIVE_BUFFER_SIZE, 16384},      {KSMEM_STATUS_BODY_WANTED, 19},
+      {KSMEM_STATUS_NO_MORE_TO_SEND, 20},      {KSMEM_STATUS_GO_ON, 0},
+      {KSMEM_END_OF_REPLY, -1},                {KSMEM_ERR_INIT_CONNECTION, 1001},
+      {KSMEM_ERR_INIT_PROTOCOL, 1002},         {KSMEM_ERR_INIT_RUNTIME, 1003},
+      {KSMEM_ERR_UNKNOWN_CLIENT, -751},        {KSMEM_ERR_CONNECTION_HIGHEST, -2996},
+      {KSMEM_ERR_CONNECTION_LOWEST, -2999},    {KSMEM_ERR_SERVICE_UNREACHABLE, -3001},
+      {KSMEM_ERR_NO_TEXT, -3002},              {KSMEM_ERR_SERVICE_REFUSED, -3009},
+      {KSMEM_ERR_TRANSPORT_FAULT, -3010},      {KSMEM_ERR_OUT_OF_TURN, -3016},
+      {KSMEM_ERR_UNKNOWN_OPERATION, -3017},    {KSMEM_ERR_MALFORMED_REQUEST, -3099}};
+  for (std::size_t i = 0; i < std::size(named); ++i) {
+    EXPECT_EQ(named[i].first, named[i].second) << "entry " << i << " of the table";
+  }
 }
 
 TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTheMessage) {

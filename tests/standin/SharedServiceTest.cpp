@@ -20,8 +20,8 @@
 #include <thread>
 #include <vector>
 
-#include "client/KsMEMConnection.h"
 #include "binding/TextExchange.h"
+#include "client/KsMEMConnection.h"
 #include "client/KsMemBinding.h"
 #include "tests/standin/Calls.h"
 #include "tests/standin/ChildProcess.h"
