@@ -6,12 +6,16 @@
 //   "redis-cluster://[USER:PASSWORD@]HOST:PORT[,HOST:PORT...]"
 //                                                  the same, kept in a Redis Cluster whose nodes
 //                                                  include the hosts given (the seeds)
-// Each form may end in "?NAME=VALUE&..." with the options
-//   retention=EVENTS        events a server's log keeps at most (0: no limit by count)
-//   retention-age=DURATION  how long a server's log keeps an event (0: no limit by age)
-//   timeout=DURATION        how long connecting and each Redis command may take (Redis only)
-//   db=N                    the Redis database (unix:// only; redis:// names it in its path)
-// A DURATION is a whole number with the unit ms, s, m, h or d (seconds when none is given).
+// Each form may end in "?OPTION=VALUE&..." with the options
+//   retention=EVENTS        events a server's log keeps at most (default 100000; 0: no limit)
+//   retention-age=DURATION  how long a server's log keeps an event, in whole seconds (default
+//                           7d; 0: no limit)
+//   timeout=DURATION        time limit of connecting and of each Redis command, above 0
+//                           (default 5s; Redis forms only)
+//   db=N                    the Redis database (default 0; unix:// only, as redis:// names it
+//                           in its path)
+// A DURATION is a whole number with the unit ms, s, m, h or d, or without a unit in seconds;
+// at most 3650d.
 // Credentials are percent-decoded; with a user, Redis is asked to AUTH as that user, with a
 // password alone as the default user.
 #ifndef KSMEM_SERVICE_SERVICEURL_H_

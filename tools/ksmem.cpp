@@ -8,8 +8,10 @@
 #include <exception>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -39,8 +41,9 @@ const char kUsage[] =
     "  register --server S --client C\n"
     "           register client C under server S and print the shared clients; a client\n"
     "           that is registered already keeps its place and its pending events\n"
-    "  put --server S --client C TEXT\n"
-    "           register, then post TEXT as one event to every other client of S\n"
+    "  put --server S --client C [--] TEXT\n"
+    "           register, then post TEXT as one event to every other client of S (after\n"
+    "           --, TEXT may start with -)\n"
     "  get --server S --client C [--follow]\n"
     "           register, then print the pending events of C exactly as they were posted,\n"
     "           fetching until none is left; with --follow, go on printing events as they\n"
@@ -54,20 +57,25 @@ const char kUsage[] =
     "  --help   show this text\n"
     "\n"
     "--service URL chooses the service, in place of the environment variable KSMEM_SERVICE:\n"
-    "  embedded (the default)                     the service inside this process\n"
-    "  redis://[USER:PASSWORD@]HOST[:PORT][/DB]   a service kept in Redis (port 6379 unless\n"
-    "                                             given)\n"
+    "  embedded (the default; also unset or empty)\n"
+    "                                             the service inside this process\n"
+    "  redis://[USER:PASSWORD@]HOST[:PORT][/DB]   a service kept in Redis, over TCP (port 6379\n"
+    "                                             and database 0 unless given)\n"
     "  unix://[USER:PASSWORD@]/PATH/TO/SOCKET     the same, through a Unix socket\n"
     "  redis-cluster://[USER:PASSWORD@]HOST:PORT[,HOST:PORT...]\n"
-    "                                             the same, in a Redis Cluster whose nodes\n"
-    "                                             include these (the seeds)\n"
+    "                                             the same, kept in a Redis Cluster whose\n"
+    "                                             nodes include these hosts (the seeds)\n"
     "Each may end in ?OPTION=VALUE&... with the options\n"
-    "  retention=EVENTS         events a server's log keeps (default 100000; 0: no limit)\n"
-    "  retention-age=DURATION   how long it keeps them (default 7d; 0: no limit)\n"
-    "  timeout=DURATION         time limit of connecting and of each command (default 5s)\n"
-    "  db=N                     the database, for unix://\n"
-    "A DURATION is a whole number with the unit ms, s, m, h or d, e.g. 500ms or 12h, up to\n"
-    "3650d.\n"
+    "  retention=EVENTS         events a server's log keeps at most (default 100000;\n"
+    "                           0: no limit)\n"
+    "  retention-age=DURATION   how long a server's log keeps an event, in whole seconds\n"
+    "                           (default 7d; 0: no limit)\n"
+    "  timeout=DURATION         time limit of connecting and of each Redis command, above 0\n"
+    "                           (default 5s; Redis forms only)\n"
+    "  db=N                     the Redis database (default 0; unix:// only, as redis://\n"
+    "                           names it in its path)\n"
+    "A DURATION is a whole number with the unit ms, s, m, h or d, or without a unit in\n"
+    "seconds, e.g. 500ms, 90 or 12h; at most 3650d.\n"
     "\n"
     "Two processes exchange an event through Redis (bob registers first, so that alice's\n"
     "event is queued for him):\n"
@@ -253,51 +261,101 @@ int clientCommand(const std::string& command, std::string server, std::string cl
   return 0;
 }
 
+// A command line, read. `problem` is empty when the line is understood, and otherwise one
+// sentence that says what is wrong with it.
+struct Invocation {
+  std::optional<std::string> service;
+  std::string command, server, client, text;
+  bool follow = false;
+  std::string problem;
+};
+
+// What each command takes after its name.
+struct Syntax {
+  std::string_view command;
+  bool server, client, text, follow;
+};
+constexpr Syntax kSyntax[] = {
+    {"status", false, false, false, false}, {"demo", false, false, false, false},
+    {"register", true, true, false, false}, {"put", true, true, true, false},
+    {"get", true, true, false, true},       {"unregister", true, true, false, false},
+    {"clients", true, false, false, false}, {"--help", false, false, false, false},
+    {"-h", false, false, false, false}};
+
+// [--service URL] COMMAND [OPTION...] [--] [TEXT]
+Invocation parse(const std::vector<std::string>& args) {
+  Invocation in;
+  const auto problem = [&in](std::string sentence) {
+    in.problem = std::move(sentence);
+    return in;
+  };
+  std::size_t at = 0;
+  if (at < args.size() && args[at] == "--service") {
+    if (++at == args.size()) return problem("--service needs a value (a URL)");
+    in.service = args[at++];
+  }
+  if (at == args.size()) return problem("no command given");
+  in.command = args[at++];
+  const Syntax* syntax = nullptr;
+  for (const Syntax& each : kSyntax) {
+    if (each.command == in.command) syntax = &each;
+  }
+  if (syntax == nullptr) {
+    return problem(in.command[0] == '-' ? "unknown option " + in.command
+                                        : "unknown command '" + in.command + "'");
+  }
+  std::vector<std::string> operands;
+  bool optionsEnded = false;
+  for (; at < args.size(); ++at) {
+    const std::string& arg = args[at];
+    std::string* value = arg == "--server" && syntax->server   ? &in.server
+                         : arg == "--client" && syntax->client ? &in.client
+                                                               : nullptr;
+    if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
+      operands.push_back(arg);
+    } else if (arg == "--") {
+      optionsEnded = true;
+    } else if (value != nullptr) {
+      if (++at == args.size() || args[at].empty()) return problem(arg + " needs a value");
+      *value = args[at];
+    } else if (arg == "--follow" && syntax->follow) {
+      in.follow = true;
+    } else {
+      return problem(arg == "--service" ? "--service goes before the command"
+                                        : in.command + " has no option " + arg);
+    }
+  }
+  const std::size_t operandsTaken = syntax->text ? 1 : 0;
+  if (operands.size() > operandsTaken) {
+    return problem("unexpected operand '" + operands[operandsTaken] + "' (" + in.command +
+                   (syntax->text ? " takes one TEXT)" : " takes none)"));
+  }
+  if (syntax->server && in.server.empty()) return problem(in.command + " needs --server");
+  if (syntax->client && in.client.empty()) return problem(in.command + " needs --client");
+  if (operands.size() < operandsTaken) return problem(in.command + " needs a TEXT to post");
+  if (syntax->text) in.text = operands[0];
+  return in;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
-  std::size_t at = 0;
-  if (args.size() >= 2 && args[0] == "--service") {
-    // The client library has no configuration: the transport reads the choice from here.
-    setenv("KSMEM_SERVICE", args[1].c_str(), 1);
-    at = 2;
-  }
-  const std::string command = at < args.size() ? args[at++] : "";
-  std::string server, client;
-  std::vector<std::string> operands;
-  bool follow = false;
-  for (; at < args.size(); ++at) {
-    if (args[at] == "--follow" && command == "get") {
-      follow = true;
-    } else if (args[at] == "--server" && at + 1 < args.size()) {
-      server = args[++at];
-    } else if (args[at] == "--client" && at + 1 < args.size()) {
-      client = args[++at];
-    } else {
-      operands.push_back(args[at]);
-    }
-  }
-  const bool clientOperation =
-      command == "register" || command == "put" || command == "get" || command == "unregister";
-  const bool complete =
-      clientOperation
-          ? !server.empty() && !client.empty() && operands.size() == (command == "put" ? 1u : 0u)
-      : command == "clients" ? !server.empty() && client.empty() && operands.empty()
-                             : server.empty() && client.empty() && operands.empty();
-  try {
-    if (complete && command == "status") return status();
-    if (complete && command == "demo") return demo();
-    if (complete && command == "clients") return listClients(server);
-    if (complete && clientOperation) {
-      return clientCommand(command, server, client, operands.empty() ? "" : operands[0], follow);
-    }
-    if (command == "--help" || command == "-h") {
-      std::cout << kUsage;
-      return 0;
-    }
-    std::cerr << kUsage;
+  const Invocation in = parse(std::vector<std::string>(argv + 1, argv + argc));
+  if (!in.problem.empty()) {
+    std::cerr << "ksmem: " << in.problem << "; see 'ksmem --help'\n";
     return 2;
+  }
+  if (in.command == "--help" || in.command == "-h") {
+    std::cout << kUsage;
+    return 0;
+  }
+  // The client library has no configuration: the transport reads the choice from here.
+  if (in.service) setenv("KSMEM_SERVICE", in.service->c_str(), 1);
+  try {
+    if (in.command == "status") return status();
+    if (in.command == "demo") return demo();
+    if (in.command == "clients") return listClients(in.server);
+    return clientCommand(in.command, in.server, in.client, in.text, in.follow);
   } catch (const Client::Exception& e) {
     std::cerr << "ksmem: " << e.getMessage() << " (type " << e.getType() << ")";
     const char* reason = nullptr;  // getStatus keeps its own message: ask the transport why

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# ksmem --help and the manual page name every form and option of KSMEM_SERVICE; a usage error
+# is one line on standard error that names the problem, with exit status 2.
+# usage: ksmem_cli_test.sh KSMEM MANUAL_PAGE
+ksmem=$1
+help=$("$ksmem" --help) || { echo "ksmem --help failed"; exit 1; }
+page=$(sed 's/\\-/-/g' "$2")  # roff writes a hyphen as \-
+for word in embedded redis:// unix:// redis-cluster:// retention= retention-age= timeout= db=; do
+  grep -qF -- "$word" <<<"$help" || { echo "ksmem --help does not name $word"; exit 1; }
+  grep -qF -- "$word" <<<"$page" || { echo "the manual page does not name $word"; exit 1; }
+done
+error=$("$ksmem" put --server S 2>&1 >/dev/null)
+status=$?
+if [[ $status != 2 || $error != "ksmem: put needs --client; see 'ksmem --help'" ]]; then
+  echo "ksmem put --server S: exit status $status, standard error: $error"; exit 1
+fi
