@@ -24,15 +24,16 @@ using Kestrane::Net::KsModelEventManager::Util::DomException;
 
 namespace {
 
-// Text between Python and the library is UTF-8. Identifiers that are not valid UTF-8 map to
-// lone surrogates and back (errors="surrogateescape"), so that a client id the library
-// returned goes back to it byte for byte; messages, which are for people, get U+FFFD instead.
-const char kIdentifierErrors[] = "surrogateescape";
+// Text between Python and the library is UTF-8. In str arguments and in the client ids
+// returned, bytes that are not valid UTF-8 map to lone surrogates and back
+// (errors="surrogateescape"), so that a client id the library returned goes back to it byte
+// for byte; messages, which are for people, get U+FFFD instead.
+const char kTextErrors[] = "surrogateescape";
 const char kMessageErrors[] = "replace";
 
 std::string encodeText(const py::str& text) {
   py::object utf8 = py::reinterpret_steal<py::object>(
-      PyUnicode_AsEncodedString(text.ptr(), "utf-8", kIdentifierErrors));
+      PyUnicode_AsEncodedString(text.ptr(), "utf-8", kTextErrors));
   if (!utf8) throw py::error_already_set();
   return std::string(py::reinterpret_borrow<py::bytes>(utf8));
 }
@@ -47,7 +48,7 @@ py::str decodeText(const std::string& text, const char* errors) {
 std::vector<py::str> decodeClients(const std::vector<std::string>& clients) {
   std::vector<py::str> decoded;
   decoded.reserve(clients.size());
-  for (const std::string& client : clients) decoded.push_back(decodeText(client, kIdentifierErrors));
+  for (const std::string& client : clients) decoded.push_back(decodeText(client, kTextErrors));
   return decoded;
 }
 
@@ -58,9 +59,10 @@ struct ExceptionClasses {
 };
 ExceptionClasses classes;
 
-// Raises `cls` with the type code and message of `failure`.
-void raiseFamily(py::handle cls, const client::Exception& failure) {
-  py::object instance = cls(decodeText(failure.getMessage(), kMessageErrors), failure.getType());
+// Raises `cls` with `message` and the other `fields` of its constructor (the type code).
+template <typename... Fields>
+void raiseAs(py::handle cls, const std::string& message, Fields... fields) {
+  py::object instance = cls(decodeText(message, kMessageErrors), fields...);
   PyErr_SetObject(cls.ptr(), instance.ptr());
 }
 
@@ -71,22 +73,21 @@ void translateFailure(std::exception_ptr failure) {
     if (failure) std::rethrow_exception(failure);
   } catch (client::KsMEMProtocolException* thrown) {  // getSharedClients: the catcher owns it
     std::unique_ptr<client::KsMEMProtocolException> owned(thrown);
-    raiseFamily(classes.protocol, *owned);
+    raiseAs(classes.protocol, owned->getMessage(), owned->getType());
   } catch (const client::KsMEMConnectionException& e) {
-    raiseFamily(classes.connection, e);
+    raiseAs(classes.connection, e.getMessage(), e.getType());
   } catch (const client::KsMEMProtocolException& e) {
-    raiseFamily(classes.protocol, e);
+    raiseAs(classes.protocol, e.getMessage(), e.getType());
   } catch (const client::KsMEMRuntimeException& e) {
-    raiseFamily(classes.runtime, e);
+    raiseAs(classes.runtime, e.getMessage(), e.getType());
   } catch (const client::KsMEMUnrecognisedException& e) {
-    raiseFamily(classes.unrecognised, e);
+    raiseAs(classes.unrecognised, e.getMessage(), e.getType());
   } catch (const client::KsMEMException& e) {  // Utf8ConversionException, were one to escape
-    raiseFamily(classes.ksmem, e);
+    raiseAs(classes.ksmem, e.getMessage(), e.getType());
   } catch (const client::Exception& e) {
-    raiseFamily(classes.error, e);
+    raiseAs(classes.error, e.getMessage(), e.getType());
   } catch (const DomException& e) {
-    py::object instance = classes.dom(decodeText(e.getMessage(), kMessageErrors));
-    PyErr_SetObject(classes.dom.ptr(), instance.ptr());
+    raiseAs(classes.dom, e.getMessage());
   }
 }
 
