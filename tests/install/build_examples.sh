@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds each program in EXAMPLES in WORK, through find_package and through pkg-config, and runs
+# Builds each C++ program in EXAMPLES (a folder with a CMakeLists.txt) in WORK, through find_package and through pkg-config, and runs
 # both builds against the embedded service. Given PREFIX and LIBDIR, the library installed there
 # is used (for CMake, pkg-config and the dynamic linker); otherwise the one in the system folders.
 # usage: build_examples.sh EXAMPLES WORK [PREFIX LIBDIR]
@@ -10,6 +10,7 @@ prefix=${3:-}
 lib=${4:-}
 
 for example in "$examples"/*/; do
+  [ -f "$example/CMakeLists.txt" ] || continue
   name=$(basename "$example")
   cmake -S "$example" -B "$work/$name" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
   cmake --build "$work/$name" >/dev/null

@@ -2,7 +2,8 @@
 # Checks the Debian packages that scripts/package.sh wrote to DIR: lintian reports no error and
 # no warning; the manual page of ksmem covers every command and option of `ksmem --help`; and in
 # a clean Debian 12 root (debootstrap minbase, from the mirror that this machine's apt uses) the
-# runtime and tool packages install, `ksmem demo` runs, and removing them leaves nothing behind;
+# runtime, tool and Python packages install, `ksmem demo` runs, a session through the Python
+# module gets what it should, and removing them leaves nothing behind;
 # then the development package installs with a compiler, and the examples build through
 # find_package and through pkg-config and run. When apt's sources name no such mirror, or it
 # cannot be reached, the steps in the clean root are skipped with a message saying so.
@@ -11,7 +12,7 @@ set -euo pipefail
 dir=$(realpath "$1")
 cd "$(dirname "$0")/../.."
 scripts/install-deps.sh lintian debootstrap
-runtime=(libksmemcppbinding1 libksmembinding1 ksmem)
+runtime=(libksmemcppbinding1 libksmembinding1 ksmem python3-ksmem)
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 work=$(mktemp -d)
 root=$dir/root
@@ -92,6 +93,27 @@ if ! in_root ksmem demo >"$work/demo.log" 2>&1 || ! grep -q 'bob unregisters' "$
   echo "ksmem demo failed in the clean root:"; cat "$work/demo.log"; exit 1
 fi
 echo "ksmem demo ran: $(tail -n1 "$work/demo.log" | sed 's/^ *//')"
+
+# Debian's python3 finds the module where python3-ksmem put it, and the module its library.
+if ! in_root python3 -c '
+import ksmem
+alice, bob = ksmem.Connection(), ksmem.Connection()
+assert alice.get_status() == 0
+assert alice.register_client("line-4", "alice") == ["alice"]
+assert bob.register_client("line-4", "bob") == ["alice", "bob"]
+assert alice.put_events(b"<reading>\xff</reading>", "job-1") == ["bob"]
+assert bob.get_events("job-1") == (b"<reading>\xff</reading>", ["alice", "bob"])
+assert alice.unregister_client() == ["bob"] and bob.unregister_client() == []
+try:
+    bob.get_shared_clients()
+    raise SystemExit("get_shared_clients of an unregistered connection returned")
+except ksmem.KsMEMProtocolException as failure:
+    assert failure.type == -2
+' >"$work/python.log" 2>&1; then
+  echo "the session through the Python module failed in the clean root:"; cat "$work/python.log"
+  exit 1
+fi
+echo "python3 -c 'import ksmem; ...': a session of two clients got what it should"
 
 apt_in_root purge --autoremove "${runtime[@]}" || { cat "$work/apt.log"; exit 1; }
 if ! diff "$work/packages-before" <(packages) || ! diff "$work/files-before" <(files); then
