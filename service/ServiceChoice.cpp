@@ -7,8 +7,8 @@
 #include <mutex>
 
 #include "service/EmbeddedService.h"
-#include "service/redis/RedisService.h"
 #include "service/ServiceURL.h"
+#include "service/redis/RedisService.h"
 
 namespace Kestrane::Net::KsModelEventManager::Service {
 
