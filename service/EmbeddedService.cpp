@@ -6,7 +6,8 @@
 
 namespace Kestrane::Net::KsModelEventManager::Service {
 
-EmbeddedService::EmbeddedService(Retention retention) : retention(retention) {}
+EmbeddedService::EmbeddedService(const ServiceURL& url)
+    : ServiceBackend(url.faults), retention(url.retention) {}
 
 ClientIDs EmbeddedService::idsOf(const Server& server, const Client* leftOut) {
   ClientIDs ids;

@@ -25,7 +25,7 @@ namespace Kestrane::Net::KsModelEventManager::Service {
 
 class EmbeddedService : public ServiceBackend {
  public:
-  explicit EmbeddedService(Retention retention);
+  explicit EmbeddedService(const ServiceURL& url);
 
  protected:
   ClientIDs registerClient(const std::string& serverID, const std::string& clientID) override;

@@ -1,5 +1,6 @@
 #include "service/ServiceBackend.h"
 
+#include <thread>
 #include <utility>
 
 #include "client/KsMemBinding.h"
@@ -84,13 +85,43 @@ std::string ServiceBackend::handle(const RequestHeaders& headers, const std::str
   const std::string& operation = operationHeader->second;
   const std::string serverID = headerValue(headers, "Server-ID");
   const std::string clientID = headerValue(headers, "Client-ID");
+  uint64_t number = 0;
+  const FaultRule::Kind fault = faultOn(operation, number);
+  const std::string exchange =
+      operation + " (matching exchange " + std::to_string(number) + " of this process)";
+  if (fault == FaultRule::Kind::kUnreachable) {
+    throw injected(KSMEM_ERR_SERVICE_UNREACHABLE,
+                   exchange + " did not reach the service, which is unchanged");
+  }
+  if (fault == FaultRule::Kind::kRefused) {
+    throw injected(KSMEM_ERR_SERVICE_REFUSED, "the service refused " + exchange);
+  }
   std::string reply = serve(operation, serverID, clientID, body);
+  if (fault == FaultRule::Kind::kDelay) std::this_thread::sleep_for(faults.delay);
+  // Before the handover counts: a client that never saw the reply has not received the batch.
+  if (fault == FaultRule::Kind::kLostReply) {
+    throw injected(KSMEM_ERR_SERVICE_UNREACHABLE,
+                   "the service served " + exchange + ", and its reply was lost");
+  }
   if (operation == "getSharedClients" && fetched.backend == this &&
       fetched.serverID == serverID && fetched.clientID == clientID) {
     std::lock_guard<std::mutex> lock(acknowledgementsMutex);
     acknowledgements[{serverID, clientID}] = fetched.last;
   }
   return reply;
+}
+
+FaultRule::Kind ServiceBackend::faultOn(const std::string& operation, uint64_t& number) {
+  if (faults.kind == FaultRule::Kind::kNone ||
+      (!faults.operation.empty() && faults.operation != operation)) {
+    return FaultRule::Kind::kNone;
+  }
+  number = matching.fetch_add(1, std::memory_order_relaxed) + 1;
+  return faults.strikes(number) ? faults.kind : FaultRule::Kind::kNone;
+}
+
+ServiceFailure ServiceBackend::injected(int32_t code, const std::string& what) const {
+  return {code, "Fault injected by KSMEM_SERVICE (" + faults.options + "): " + what + "."};
 }
 
 std::string ServiceBackend::serve(const std::string& operation, const std::string& serverID,

@@ -39,6 +39,7 @@
 #ifndef KSMEM_SERVICE_SERVICEBACKEND_H_
 #define KSMEM_SERVICE_SERVICEBACKEND_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -46,6 +47,7 @@
 #include <string>
 #include <vector>
 
+#include "service/FaultRule.h"
 #include "service/ServiceFailure.h"
 
 namespace Kestrane::Net::KsModelEventManager::Service {
@@ -64,10 +66,12 @@ using ClientIDs = std::vector<std::string>;
 
 class ServiceBackend {
  public:
+  // `faults`: the exchanges that fail on demand.
+  explicit ServiceBackend(FaultRule faults) : faults(std::move(faults)) {}
   virtual ~ServiceBackend() = default;
 
   // Serves one request, `body` byte for byte, and gives the reply bytes. Throws ServiceFailure
-  // when the request cannot be served.
+  // when the request cannot be served, or when the fault rule strikes it.
   std::string handle(const RequestHeaders& headers, const std::string& body);
 
  protected:
@@ -110,6 +114,13 @@ class ServiceBackend {
  private:
   std::string serve(const std::string& operation, const std::string& serverID,
                     const std::string& clientID, const std::string& body);
+
+  // The fault that the rule puts on this exchange of `operation`, counting it if it matches.
+  FaultRule::Kind faultOn(const std::string& operation, uint64_t& number);
+  ServiceFailure injected(int32_t code, const std::string& what) const;
+
+  const FaultRule faults;
+  std::atomic<uint64_t> matching{0};  // exchanges that the fault rule matched so far
 
   std::mutex acknowledgementsMutex;
   // By server and client: the `last` that the client's next fetch acknowledges.

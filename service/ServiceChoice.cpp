@@ -20,7 +20,7 @@ ServiceChoice choose(const char* value) {
   try {
     ServiceURL url = parseServiceURL(value != nullptr ? value : "");
     if (url.kind == ServiceURL::Kind::kEmbedded) {
-      choice.backend = std::make_unique<EmbeddedService>(url.retention);
+      choice.backend = std::make_unique<EmbeddedService>(url);
     } else {
       choice.backend = std::make_unique<RedisService>(std::move(url));
     }

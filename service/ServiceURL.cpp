@@ -1,5 +1,7 @@
 #include "service/ServiceURL.h"
 
+#include <algorithm>
+#include <charconv>
 #include <limits>
 
 #include "client/KsMemBinding.h"
@@ -16,7 +18,26 @@ constexpr char kAcceptedForms[] =
     "\"unix://[USER:PASSWORD@]/PATH/TO/SOCKET\" for a service kept in Redis; "
     "\"redis-cluster://[USER:PASSWORD@]HOST:PORT[,HOST:PORT...]\" for one kept in a Redis "
     "Cluster, the hosts its seeds; each may end in \"?OPTION=VALUE&...\" with the options "
-    "retention=EVENTS, retention-age=DURATION, timeout=DURATION and, for unix://, db=N.";
+    "retention=EVENTS, retention-age=DURATION, timeout=DURATION, for unix:// db=N, and the "
+    "faults on demand fault=unreachable|lost-reply|refused|delay:DURATION, fault-on=OPERATION, "
+    "fault-every=N, fault-rate=P and fault-seed=S.";
+
+// The operations that fault-on may name.
+constexpr std::string_view kOperations[] = {"getStatus",        "registerClient", "unregisterClient",
+                                            "putEvents",        "getEvents",      "getSharedClients",
+                                            "getClientBacklogs"};
+
+// A probability: a decimal number from 0 to 1.
+std::optional<double> probability(std::string_view text) {
+  double value = -1;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value,
+                                            std::chars_format::fixed);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size() || !(value >= 0) ||
+      value > 1) {
+    return std::nullopt;
+  }
+  return value;
+}
 
 // Decimal digits alone, at most `most`.
 std::optional<uint64_t> number(std::string_view text, uint64_t most) {
@@ -108,6 +129,13 @@ class Parser {
           "\"redis-cluster://\"");
     }
     if (query != std::string_view::npos) parseOptions(options);
+    FaultRule& faults = url.faults;
+    if (!faults.options.empty() && faults.kind == FaultRule::Kind::kNone) {
+      fail("the options fault-on, fault-every, fault-rate and fault-seed need fault=KIND");
+    }
+    if (faults.rate && everyGiven) {
+      fail("fault-every and fault-rate exclude each other: give one of them");
+    }
     return std::move(url);
   }
 
@@ -223,6 +251,8 @@ class Parser {
         invalid("a DURATION above 0 and up to 3650d, such as 500ms, 5s or 1m");
       }
       url.timeout = *timeout;
+    } else if (name.substr(0, 5) == "fault") {
+      setFaultOption(name, value);
     } else if (name == "db" && !url.socketPath.empty()) {
       const std::optional<uint64_t> db = number(value, std::numeric_limits<int>::max());
       if (!db) invalid("a whole number");
@@ -232,8 +262,60 @@ class Parser {
     }
   }
 
+  void setFaultOption(std::string_view name, std::string_view value) {
+    const auto invalid = [&](const char* what) {
+      fail("the option " + std::string(name) + " has the value \"" + std::string(value) +
+           "\", which is not " + what);
+    };
+    FaultRule& faults = url.faults;
+    if (name == "fault") {
+      static const struct {
+        std::string_view name;
+        FaultRule::Kind kind;
+      } kKinds[] = {{"unreachable", FaultRule::Kind::kUnreachable},
+                    {"lost-reply", FaultRule::Kind::kLostReply},
+                    {"refused", FaultRule::Kind::kRefused}};
+      for (const auto& kind : kKinds) {
+        if (value == kind.name) faults.kind = kind.kind;
+      }
+      if (value.substr(0, 6) == "delay:") {
+        const std::optional<std::chrono::milliseconds> delay = duration(value.substr(6));
+        if (!delay) invalid("delay:DURATION with a DURATION up to 3650d, such as delay:250ms");
+        faults.kind = FaultRule::Kind::kDelay;
+        faults.delay = *delay;
+      }
+      if (faults.kind == FaultRule::Kind::kNone) {
+        invalid("one of unreachable, lost-reply, refused and delay:DURATION");
+      }
+    } else if (name == "fault-on") {
+      if (std::find(std::begin(kOperations), std::end(kOperations), value) ==
+          std::end(kOperations)) {
+        invalid("an operation: getStatus, registerClient, unregisterClient, putEvents, "
+                "getEvents, getSharedClients or getClientBacklogs");
+      }
+      faults.operation = std::string(value);
+    } else if (name == "fault-every") {
+      const std::optional<uint64_t> every = number(value, std::numeric_limits<int64_t>::max());
+      if (!every || *every == 0) invalid("a whole number above 0");
+      faults.every = *every;
+      everyGiven = true;
+    } else if (name == "fault-rate") {
+      faults.rate = probability(value);
+      if (!faults.rate) invalid("a probability from 0 to 1, such as 0.05");
+    } else if (name == "fault-seed") {
+      const std::optional<uint64_t> seed = number(value, std::numeric_limits<uint64_t>::max());
+      if (!seed) invalid("a whole number");
+      faults.seed = *seed;
+    } else {
+      fail("it has no option \"" + std::string(name) + "\" for this form");
+    }
+    faults.options += (faults.options.empty() ? "" : "&") + std::string(name) + "=" +
+                      std::string(value);
+  }
+
   std::string_view text;
   ServiceURL url;
+  bool everyGiven = false;
 };
 
 }  // namespace

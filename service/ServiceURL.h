@@ -14,6 +14,12 @@
 //                           (default 5s; Redis forms only)
 //   db=N                    the Redis database (default 0; unix:// only, as redis:// names it
 //                           in its path)
+//   fault=KIND             faults on demand (FaultRule.h): unreachable, lost-reply, refused or
+//                          delay:DURATION
+//   fault-on=OPERATION     only exchanges of this operation (default: every operation)
+//   fault-every=N          the Nth, 2Nth, ... matching exchange of the process (default 1)
+//   fault-rate=P           instead of fault-every: each matching exchange with probability P,
+//   fault-seed=S           drawn from seed S (default 1), the same in every run
 // A DURATION is a whole number with the unit ms, s, m, h or d, or without a unit in seconds;
 // at most 3650d.
 // Credentials are percent-decoded; with a user, Redis is asked to AUTH as that user, with a
@@ -26,6 +32,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "service/FaultRule.h"
 
 namespace Kestrane::Net::KsModelEventManager::Service {
 
@@ -53,6 +61,7 @@ struct ServiceURL {
   int db = 0;
   std::chrono::milliseconds timeout{5000};
   Retention retention;
+  FaultRule faults;
 };
 
 // The service that `text` names. Throws ServiceFailure (KSMEM_ERR_SERVICE_UNREACHABLE) with a

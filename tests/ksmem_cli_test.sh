@@ -5,7 +5,8 @@
 ksmem=$1
 help=$("$ksmem" --help) || { echo "ksmem --help failed"; exit 1; }
 page=$(sed 's/\\-/-/g' "$2")  # roff writes a hyphen as \-
-for word in embedded redis:// unix:// redis-cluster:// retention= retention-age= timeout= db=; do
+for word in embedded redis:// unix:// redis-cluster:// retention= retention-age= timeout= db= \
+            fault= fault-on= fault-every= fault-rate= fault-seed=; do
   grep -qF -- "$word" <<<"$help" || { echo "ksmem --help does not name $word"; exit 1; }
   grep -qF -- "$word" <<<"$page" || { echo "the manual page does not name $word"; exit 1; }
 done

@@ -96,7 +96,7 @@ const char* entryField(const redisReply& entry, int index) {
 
 }  // namespace
 
-RedisService::RedisService(ServiceURL url) : url(std::move(url)) {}
+RedisService::RedisService(ServiceURL url) : ServiceBackend(url.faults), url(std::move(url)) {}
 
 RedisRouter& RedisService::router() {
   ThreadRouter& own = threadRouter;

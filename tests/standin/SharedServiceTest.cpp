@@ -588,8 +588,10 @@ TEST(SharedService, KsmemServiceIsReadOncePerProcessAndAnUnknownFormFailsWith100
                   "or \"unix://[USER:PASSWORD@]/PATH/TO/SOCKET\" for a service kept in Redis; "
                   "\"redis-cluster://[USER:PASSWORD@]HOST:PORT[,HOST:PORT...]\" for one kept in a "
                   "Redis Cluster, the hosts its seeds; each may end in \"?OPTION=VALUE&...\" with "
-                  "the options retention=EVENTS, retention-age=DURATION, timeout=DURATION and, for "
-                  "unix://, db=N.");
+                  "the options retention=EVENTS, retention-age=DURATION, timeout=DURATION, for "
+                  "unix:// db=N, and the faults on demand fault=unreachable|lost-reply|refused|"
+                  "delay:DURATION, fault-on=OPERATION, fault-every=N, fault-rate=P and "
+                  "fault-seed=S.");
   }
 }
 
