@@ -2,7 +2,7 @@
 # Installs the build into a temporary prefix, checks what the installed library exports, builds
 # a program of its own transport against it, then builds every example against the installed
 # copy, through find_package and through pkg-config, and runs it against the embedded service;
-# with the Python module built, runs the Python example with the installed module, which must
+# with the Python module built, runs the Python examples with the installed module, which must
 # find the installed library by itself.
 # usage: install_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
@@ -51,7 +51,9 @@ echo "exported_surface: its own transport, the library's exception members and D
 module=$(find "$prefix" -name 'ksmem.cpython-*.so' | head -n1)
 if [ -n "$module" ]; then
   [ -f "$(dirname "$module")/ksmem.pyi" ] || { echo "ksmem.pyi is not installed beside $module"; exit 1; }
-  env -u LD_LIBRARY_PATH PYTHONPATH="$(dirname "$module")" /usr/bin/python3 \
-    "$source/examples/python_session/session.py" >/dev/null
-  echo "python_session: ran with the installed module"
+  for example in "$source"/examples/*/*.py; do
+    env -u LD_LIBRARY_PATH -u KSMEM_SERVICE PYTHONPATH="$(dirname "$module")" /usr/bin/python3 \
+      "$example" >/dev/null
+    echo "$(basename "$example"): ran with the installed module"
+  done
 fi

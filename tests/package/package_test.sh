@@ -114,6 +114,15 @@ except ksmem.KsMEMProtocolException as failure:
   exit 1
 fi
 echo "python3 -c 'import ksmem; ...': a session of two clients got what it should"
+mkdir "$root/tmp/python-examples"
+cp examples/*/*.py "$root/tmp/python-examples/"
+for example in "$root"/tmp/python-examples/*.py; do
+  name=$(basename "$example")
+  in_root python3 "/tmp/python-examples/$name" >"$work/python.log" 2>&1 ||
+    { echo "the example $name failed in the clean root:"; cat "$work/python.log"; exit 1; }
+  echo "$name: ran in the clean root"
+done
+rm -r "$root/tmp/python-examples"
 
 apt_in_root purge --autoremove "${runtime[@]}" || { cat "$work/apt.log"; exit 1; }
 if ! diff "$work/packages-before" <(packages) || ! diff "$work/files-before" <(files); then
