@@ -1,12 +1,9 @@
-// A Redis Cluster of a test's (or a benchmark's) own: six RedisServers on loopback that
-// redis-cli joins into three primaries with one replica each (or the three primaries alone).
-// Every node requires the password (and replicas give it to their primaries), has the
-// service's own user with the rights that the README gives it, keeps an append-only file, and
-// takes a node it has not heard from for a second as failing, so that a replica takes over a
-// killed primary within a few seconds. Nodes are named by their port. The object kills every
-// node and removes their directories when it goes, also when a test fails.
-// Not for use from several threads at once. Header-only, so that the benchmark program can use
-// it too.
+// A Redis Cluster of a benchmark's own: six RedisServers on loopback that redis-cli joins into
+// three primaries with one replica each (or the three primaries alone). Every node requires the
+// password (and replicas give it to their primaries), has the service's own user with the rights
+// that the README gives it, keeps an append-only file, and takes a node it has not heard from
+// for a second as failing. The object kills every node and removes their directories when it
+// goes. Not for use from several threads at once.
 #ifndef KSMEM_TESTS_STANDIN_REDISCLUSTER_H_
 #define KSMEM_TESTS_STANDIN_REDISCLUSTER_H_
 
@@ -77,38 +74,6 @@ class RedisCluster {
     std::string url = "redis-cluster://ksmem:" + password + "%40user@";
     for (const auto& node : nodes) url += "127.0.0.1:" + std::to_string(node->port()) + ",";
     return url.substr(0, url.size() - 1);
-  }
-
-  // The port of the primary that serves the slot of `key`, hash tag and all, as a running node
-  // sees it (any node but that primary redirects there); 0 when it answers otherwise.
-  int ownerOf(std::string_view key) {
-    RedisServer* node = running();
-    const RedisServer::Reply reply = node ? node->command({"EXISTS", key}) : RedisServer::Reply{};
-    if (RedisServer::number(reply) >= 0) return node->port();
-    const bool moved = reply.size() == 1 && reply[0].rfind("MOVED ", 0) == 0;
-    return moved ? std::atoi(reply[0].c_str() + reply[0].rfind(':') + 1) : 0;
-  }
-
-  // Waits until a running node serves every slot, every running node reports the cluster as
-  // ok and every replica is in sync with its primary: after a primary was killed, until a
-  // replica has taken over. False, with problem() saying so, when that has not happened within
-  // 30 seconds.
-  bool waitUntilOk() {
-    return settle(Clock::now() + std::chrono::seconds(30)) ||
-           fail("the cluster was not ok again within 30 seconds");
-  }
-
-  // The running node at `port`, and a replica in sync with the primary at `port` as that
-  // primary reports it now; null when there is none.
-  RedisServer* node(int port) const { return running(port); }
-  RedisServer* replicaOf(int port) {
-    RedisServer* primary = running(port);
-    const std::string replica =  // "slave0:ip=127.0.0.1,port=P,state=online,..."
-        primary ? RedisServer::field(primary->command({"INFO", "replication"}), "slave0") : "";
-    const std::size_t at = replica.find("port=");
-    const bool inSync = replica.find("state=online") != std::string::npos;
-    return at == std::string::npos || !inSync ? nullptr
-                                              : running(std::atoi(replica.c_str() + at + 5));
   }
 
  private:

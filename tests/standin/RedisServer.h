@@ -1,12 +1,10 @@
-// A redis-server of a test's (or a benchmark's) own, in a fresh temporary directory, listening on
-// a Unix socket there or on a loopback port, optionally with a password. By default it keeps
-// nothing across a restart; with "--appendonly yes" it keeps what it acknowledged across kill(),
-// since Redis writes the append-only file before it replies. It can be killed and started again
-// at the same address and directory.
-// The object kills it and removes the directory when it goes, also when the test fails, and the
-// server is killed when the thread that started it ends, so that a crashed test leaves nothing
-// behind. Not for use from several threads at once. Header-only, so that the benchmark program
-// can use it too.
+// A redis-server of a test process's (or a benchmark's) own, in a fresh temporary directory,
+// listening on a Unix socket there or on a loopback port, optionally with a password; it keeps
+// nothing across a restart unless given "--appendonly yes". The object kills it and removes the
+// directory when it goes, also when a test fails, and the server is killed when the thread that
+// started it ends, so that a crashed test leaves nothing behind. Not for use from several threads
+// at once. Header-only, so that the benchmark program can use it too. (The service scenarios in
+// Python, tests/service/, start their servers with a harness of their own.)
 #ifndef KSMEM_TESTS_STANDIN_REDISSERVER_H_
 #define KSMEM_TESTS_STANDIN_REDISSERVER_H_
 
@@ -28,14 +26,6 @@
 #include <string_view>
 #include <thread>
 #include <vector>
-
-// A server identifier that no other run of the tests uses, so that they hold on a shared Redis.
-inline std::string uniqueServerID(const std::string& name) {
-  static const std::string run =
-      std::to_string(getpid()) + "-" +
-      std::to_string(std::chrono::system_clock::now().time_since_epoch().count());
-  return name + "@" + run;
-}
 
 class RedisServer {
  public:
@@ -94,12 +84,6 @@ class RedisServer {
     ::kill(process, SIGKILL);
     waitpid(process, nullptr, 0);
     process = 0;
-  }
-
-  // Freezes the server (SIGSTOP) or lets it go on (SIGCONT), as a machine that stalls would:
-  // its connections stay open, and nothing it should answer is answered meanwhile.
-  void suspend(bool frozen) {
-    if (process > 0) ::kill(process, frozen ? SIGSTOP : SIGCONT);
   }
 
   bool running() const { return process > 0; }

@@ -1,6 +1,6 @@
 // One whole session against the stand-in transport and its service, linked as an application
 // links them. ctest runs it against the embedded service and again against a Redis of the test
-// process's own (SharedServiceTest.cpp).
+// process's own (OwnRedis.cpp).
 #include <gtest/gtest.h>
 
 #include "tests/standin/Calls.h"
