@@ -11,7 +11,8 @@ ACCEPTED = [
     "redis://db.example:65535/3", "redis://:s%40cret@[::1]:6390/1?timeout=500ms",
     "redis://ops:pw@host?retention=0&retention-age=0&timeout=2s", "unix:///run/redis.sock",
     "unix:///run/redis.sock?db=2&retention=5", "unix://ops:pw@/run/redis.sock",
-    "redis-cluster://:pw@10.0.0.1:7000,10.0.0.2:7001,[::1]:7002?timeout=1s"]
+    "redis-cluster://:pw@10.0.0.1:7000,10.0.0.2:7001,[::1]:7002?timeout=1s",
+    "embedded?fault=delay:250ms&fault-on=getEvents&fault-rate=0.5&fault-seed=9"]
 REFUSED = [  # the value, as the message shows it, and why it names no service
     (" redis://:hun@ter2@host", " redis://***@host",
      'it starts with none of "embedded", "redis://", "unix://" and "redis-cluster://"'),
@@ -34,6 +35,20 @@ REFUSED = [  # the value, as the message shows it, and why it names no service
     ("unix://:hun@/ter2@/s.sock?retention-age=3651d", "unix://:***@/s.sock?retention-age=3651d",
      'the option retention-age has the value "3651d", which is not a DURATION of whole seconds '
      "up to 3650d, such as 90s, 30m, 12h or 7d"),
+    ("embedded?fault=boom", "embedded?fault=boom", 'the option fault has the value "boom", which '
+     "is not one of unreachable, lost-reply, refused and delay:DURATION"),
+    ("unix:///s?fault-on=putEvents", "unix:///s?fault-on=putEvents",
+     "the options fault-on, fault-every, fault-rate and fault-seed need fault=KIND"),
+    ("embedded?fault=refused&fault-on=put", "embedded?fault=refused&fault-on=put",
+     'the option fault-on has the value "put", which is not an operation: getStatus, '
+     "registerClient, unregisterClient, putEvents, getEvents, getSharedClients or "
+     "getClientBacklogs"),
+    ("redis://h?fault=refused&fault-rate=1.5", "redis://h?fault=refused&fault-rate=1.5",
+     'the option fault-rate has the value "1.5", which is not a probability from 0 to 1, such '
+     "as 0.05"),
+    ("embedded?fault=refused&fault-rate=0.5&fault-every=2",
+     "embedded?fault=refused&fault-rate=0.5&fault-every=2",
+     "fault-every and fault-rate exclude each other: give one of them"),
 ]
 FORMS = (
     'Accepted forms: unset, empty or "embedded" for the service inside this process; '
