@@ -78,3 +78,19 @@ def test_fault_every_and_a_seeded_rate_strike_the_same_exchanges_in_every_run():
     assert len(on_threads) == 20  # one count for the process, across its threads
     assert seeded[0] == seeded[1] != other_seed
     assert 40 <= len(seeded[0]) <= 80
+
+
+def others_run_meanwhile():
+    """Whether a getStatus held up by the service still runs after another thread, which waited
+    half a second for it to begin, has registered."""
+    slow = threading.Thread(target=lambda: ksmem.Connection().get_status())
+    slow.start()
+    time.sleep(0.5)  # wakes only once the interpreter lock is free
+    ksmem.Connection().register_client(unique("meanwhile"), "quick")
+    still_running = slow.is_alive()
+    slow.join()
+    return still_running
+
+
+def test_an_operation_lets_other_python_threads_run_while_it_waits():
+    assert Child("embedded?fault=delay:2s&fault-on=getStatus", others_run_meanwhile).result()
