@@ -87,21 +87,23 @@ std::string ServiceBackend::handle(const RequestHeaders& headers, const std::str
   const std::string clientID = headerValue(headers, "Client-ID");
   uint64_t number = 0;
   const FaultRule::Kind fault = faultOn(operation, number);
-  const std::string exchange =
-      operation + " (matching exchange " + std::to_string(number) + " of this process)";
+  // Made only when a fault strikes: requests without one pay for none of it.
+  const auto exchange = [&] {
+    return operation + " (matching exchange " + std::to_string(number) + " of this process)";
+  };
   if (fault == FaultRule::Kind::kUnreachable) {
     throw injected(KSMEM_ERR_SERVICE_UNREACHABLE,
-                   exchange + " did not reach the service, which is unchanged");
+                   exchange() + " did not reach the service, which is unchanged");
   }
   if (fault == FaultRule::Kind::kRefused) {
-    throw injected(KSMEM_ERR_SERVICE_REFUSED, "the service refused " + exchange);
+    throw injected(KSMEM_ERR_SERVICE_REFUSED, "the service refused " + exchange());
   }
   std::string reply = serve(operation, serverID, clientID, body);
   if (fault == FaultRule::Kind::kDelay) std::this_thread::sleep_for(faults.delay);
   // Before the handover counts: a client that never saw the reply has not received the batch.
   if (fault == FaultRule::Kind::kLostReply) {
     throw injected(KSMEM_ERR_SERVICE_UNREACHABLE,
-                   "the service served " + exchange + ", and its reply was lost");
+                   "the service served " + exchange() + ", and its reply was lost");
   }
   if (operation == "getSharedClients" && fetched.backend == this &&
       fetched.serverID == serverID && fetched.clientID == clientID) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <optional>
 
 #include "client/KsMemBinding.h"
 #include "service/PercentEncoding.h"
