@@ -1,8 +1,9 @@
 """Fixtures of the service scenarios: each stops what it started, also when a test fails."""
 import pytest
 
-pytest.register_assert_rewrite("harness")
-from harness import Relay, RedisCluster, RedisServer  # noqa: E402
+pytest.register_assert_rewrite("harness", "servers")
+from harness import Relay  # noqa: E402
+from servers import RedisCluster, RedisServer  # noqa: E402
 
 
 @pytest.fixture

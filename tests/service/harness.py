@@ -1,21 +1,19 @@
-"""What the service scenarios start and call: Redis servers and a Redis Cluster of their own, a
-relay that loses replies, and children that choose the service anew (the transport reads
-KSMEM_SERVICE once per process; a forked child reads it again)."""
-import ctypes
+"""What the service scenarios call beside their servers (servers.py): a relay that loses replies,
+and children that choose the service anew (the transport reads KSMEM_SERVICE once per process; a
+forked child reads it again)."""
 import itertools
 import math
 import multiprocessing
 import os
 import random
 import select
-import signal
 import socket
-import subprocess
 import threading
 import time
 import traceback
 
 import ksmem
+from servers import die_with_parent, wait_for
 
 FORK = multiprocessing.get_context("fork")
 RUN = f"{os.getpid()}-{time.time_ns()}"
@@ -24,10 +22,6 @@ RUN = f"{os.getpid()}-{time.time_ns()}"
 def unique(name):
     """A server identifier that no other run uses, so that runs may share a Redis."""
     return f"{name}@{RUN}"
-
-
-def die_with_parent():
-    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG: nothing outlives a killed run
 
 
 def fetch_all(connection):
@@ -46,190 +40,6 @@ def until_done(operation):
             if time.monotonic() > deadline:
                 raise
             time.sleep(0.02)
-
-
-def wait_for(condition, seconds=10):
-    deadline = time.monotonic() + seconds
-    while not condition() and time.monotonic() < deadline:
-        time.sleep(0.02)
-    return condition()
-
-
-def command(address, *parts, password=""):
-    """The reply of the Redis at `address` (a loopback port or a socket path) to one command:
-    text for strings, status and error replies, int, None or a list."""
-    unix = isinstance(address, str)
-    with socket.socket(socket.AF_UNIX if unix else socket.AF_INET) as connection:
-        connection.settimeout(5)
-        connection.connect(address if unix else ("127.0.0.1", address))
-        stream = connection.makefile("rb")
-        for request in ([("AUTH", password)] if password else []) + [parts]:
-            data = b"*%d\r\n" % len(request)
-            for part in (str(p).encode() for p in request):
-                data += b"$%d\r\n%s\r\n" % (len(part), part)
-            connection.sendall(data)
-            reply = _reply(stream)
-        return reply
-
-
-def _reply(stream):
-    line = stream.readline()
-    kind, rest = line[:1], line[1:-2].decode()
-    if kind in (b"+", b"-"):
-        return rest
-    if kind == b":":
-        return int(rest)
-    if kind == b"$":
-        return None if rest == "-1" else stream.read(int(rest) + 2)[:-2].decode(errors="replace")
-    if kind == b"*":
-        return None if rest == "-1" else [_reply(stream) for _ in range(int(rest))]
-    raise ConnectionError(f"no readable reply: {line!r}")
-
-
-def info(node, *command):
-    """The reply of `node` to INFO or CLUSTER INFO as a dict."""
-    text = node.command(*command)
-    return dict(line.split(":", 1) for line in text.splitlines() if ":" in line)
-
-
-class RedisServer:
-    """A redis-server in `directory`, on a Unix socket there or on a loopback port from 20000 to
-    30000 (room for the cluster bus at port + 10000), with a password when one is given. It keeps
-    its address and directory across kill() and start(), and with "--appendonly yes" what it
-    acknowledged."""
-
-    def __init__(self, directory, unix=False, args=(), password=""):
-        directory.mkdir(parents=True, exist_ok=True)
-        self.directory, self.args, self.password = directory, list(args), password
-        self.socket = str(directory / "redis.sock") if unix else None
-        self.port, self.process = 0, None
-
-    def url(self):
-        credentials = f":{self.password}@" if self.password else ""
-        where = f"unix://{credentials}{self.socket}" if self.socket else None
-        return where or f"redis://{credentials}127.0.0.1:{self.port}"
-
-    def command(self, *parts):
-        return command(self.socket or self.port, *parts, password=self.password)
-
-    def start(self):
-        """Starts it and waits until it answers as itself (after loading its append-only file)."""
-        for _ in range(10):
-            picked = not self.socket and not self.port
-            if picked:
-                self.port = random.randint(20000, 30000)
-            problem = self._launch()
-            if not problem:
-                return
-            if not picked or "Address already in use" not in problem:
-                break
-            self.port = 0
-        raise RuntimeError(problem)
-
-    def _launch(self):
-        log = self.directory / "redis.log"
-        with open(log, "wb") as output:
-            self.process = subprocess.Popen(
-                ["redis-server", "--save", "", "--dir", self.directory, "--logfile", log,
-                 "--port", str(self.port), "--bind", "127.0.0.1", "--unixsocket",
-                 self.socket or "", "--requirepass", self.password, "--appendonly", "no",
-                 *self.args],
-                stdout=output, stderr=output, start_new_session=True, preexec_fn=die_with_parent)
-        deadline = time.monotonic() + 10
-        while time.monotonic() < deadline:
-            if self.process.poll() is not None:
-                self.process = None
-                return "redis-server stopped at once: " + log.read_text()
-            try:  # another server may hold the port: only ours gives our process id
-                if info(self, "INFO", "server").get("process_id") == str(self.process.pid):
-                    return None
-            except OSError:
-                pass
-            time.sleep(0.005)
-        self.kill()
-        return "redis-server did not answer within ten seconds"
-
-    def kill(self):
-        """Kills it as a crash would, also a frozen one."""
-        if self.process:
-            os.killpg(self.process.pid, signal.SIGKILL)
-            self.process.wait()
-            self.process = None
-
-    def suspend(self, frozen):
-        """Freezes it or lets it go on, as a machine that stalls: its connections stay open."""
-        os.kill(self.process.pid, signal.SIGSTOP if frozen else signal.SIGCONT)
-
-
-class RedisCluster:
-    """Six password-protected nodes on loopback joined into three primaries with a replica each.
-    Each has the service's own user with the rights that the README gives it, an append-only
-    file, and takes a node silent for a second as failing. Nodes are named by their port."""
-
-    RIGHTS = ("~{ksmem:* resetchannels -@all +ping +time +role +wait +asking +cluster|slots "
-              "+cluster|nodes +script|load +evalsha +eval +exists +del +get +set +hget +hmget "
-              "+hset +hdel +hexists +hincrby +hgetall +zadd +zrem +zrange +zrevrange "
-              "+zrangebyscore +xadd +xrange +xtrim").split()
-
-    def __init__(self, directory, password="ksmem-cluster-secret"):
-        args = ["--appendonly", "yes", "--cluster-enabled", "yes", "--cluster-node-timeout", "1000",
-                "--masterauth", password, "--repl-diskless-sync-delay", "0"]
-        self.nodes = [RedisServer(directory / str(i), False, args, password) for i in range(6)]
-        self.password = password
-
-    def start(self):
-        for node in self.nodes:
-            node.start()
-            assert node.command("ACL", "SETUSER", "ksmem", "on", f">{self.password}@user",
-                                *self.RIGHTS) == "OK"
-        subprocess.run(["redis-cli", "-a", self.password, "--no-auth-warning", "--cluster",
-                        "create", *(f"127.0.0.1:{node.port}" for node in self.nodes),
-                        "--cluster-replicas", "1", "--cluster-yes"],
-                       check=True, capture_output=True, timeout=60)
-        assert self.wait_until_ok(), "the cluster was not ok within 30 seconds"
-
-    def stop(self):
-        for node in self.nodes:
-            node.kill()
-
-    def url(self):
-        """As the service's user, every node a seed."""
-        seeds = ",".join(f"127.0.0.1:{node.port}" for node in self.nodes)
-        return f"redis-cluster://ksmem:{self.password}%40user@{seeds}"
-
-    def node(self, port=0):
-        """The running node at `port`, or any running node."""
-        return next((n for n in self.nodes if n.process and port in (0, n.port)), None)
-
-    def owner_of(self, server):
-        """The port of the primary that keeps the keys of `server`."""
-        node = self.node()
-        reply = node.command("EXISTS", "{ksmem:%s}" % server)
-        return node.port if isinstance(reply, int) else int(reply.rsplit(":", 1)[1])
-
-    def replica_of(self, port):
-        """The replica in sync with the primary at `port`, as that primary sees it now."""
-        replica = info(self.node(port), "INFO", "replication").get("slave0", "")
-        fields = dict(f.split("=", 1) for f in replica.split(",") if "=" in f)
-        return self.node(int(fields["port"])) if fields.get("state") == "online" else None
-
-    def settled(self):
-        """Every running node sees the cluster ok with every slot served by a running node, and
-        every replica has its link to its primary up."""
-        for node in filter(lambda n: n.process, self.nodes):
-            replication = info(node, "INFO", "replication")
-            if info(node, "CLUSTER", "INFO").get("cluster_state") != "ok" or (
-                    replication["role"] == "slave" and replication["master_link_status"] != "up"):
-                return False
-            for line in node.command("CLUSTER", "NODES").splitlines():
-                fields = line.split()  # id ip:port@bus flags primary ping pong epoch link slots
-                port = int(fields[1].split("@")[0].rsplit(":", 1)[1])
-                if len(fields) > 8 and not self.node(port):
-                    return False
-        return True
-
-    def wait_until_ok(self):
-        return wait_for(self.settled, 30)
 
 
 class Relay:

@@ -3,7 +3,8 @@ below; the last of them kills a primary."""
 import time
 
 import ksmem
-from harness import Child, every_event_once_unless_posted_again, unique, wait_for
+from harness import Child, every_event_once_unless_posted_again, unique
+from servers import wait_for
 
 
 def failure(operation, kind=ksmem.KsMEMConnectionException):

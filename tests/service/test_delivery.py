@@ -6,7 +6,8 @@ import time
 
 import ksmem
 import pytest
-from harness import Child, fetch_all, info, unique
+from harness import Child, fetch_all, unique
+from servers import info
 
 TOOL = os.environ.get("KSMEM_TOOL", pathlib.Path(__file__).parents[2] / "build/tools/ksmem")
 
