@@ -1,6 +1,5 @@
 """The ksmem module against the service embedded in this process."""
 import os
-import threading
 
 import pytest
 
@@ -53,36 +52,3 @@ def test_failures_arrive_as_the_class_the_library_throws():
     assert (fetch.value.type, fetch.value.message) == (-2, NOT_REGISTERED)
     assert type(unregister.value) is ksmem.Error and "not registered" in unregister.value.message
     assert register.value.type == 0 and "without a server identifier" in register.value.message
-
-
-def test_arguments_of_another_type_raise_type_error():
-    connection = ksmem.Connection()
-    for call in (lambda: connection.register_client(b"plant", "alice"),
-                 lambda: connection.put_events(7), lambda: connection.get_events(None)):
-        with pytest.raises(TypeError):
-            call()
-
-
-def test_threads_with_connections_of_their_own_run_sessions_at_once():
-    rounds, servers, failures = 50, [f"thread-{i}" for i in range(4)], []
-    start = threading.Barrier(len(servers))
-
-    def session(server):
-        try:
-            sender, receiver = ksmem.Connection(), ksmem.Connection()
-            sender.register_client(server, "sender")
-            receiver.register_client(server, "receiver")
-            start.wait(timeout=60)
-            for i in range(rounds):
-                event = f"{server}:{i}".encode()
-                assert sender.put_events(event) == ["receiver"]
-                assert receiver.get_events() == (event, ["sender", "receiver"])
-        except BaseException as failure:  # reported by the main thread
-            failures.append(failure)
-
-    threads = [threading.Thread(target=session, args=(server,)) for server in servers]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(timeout=120)
-    assert not any(thread.is_alive() for thread in threads) and failures == []
