@@ -5,9 +5,11 @@ import itertools
 import math
 import multiprocessing
 import os
+import pathlib
 import random
 import select
 import socket
+import subprocess
 import threading
 import time
 import traceback
@@ -17,6 +19,7 @@ from servers import die_with_parent, wait_for
 
 FORK = multiprocessing.get_context("fork")
 RUN = f"{os.getpid()}-{time.time_ns()}"
+TOOL = os.environ.get("KSMEM_TOOL", pathlib.Path(__file__).parents[2] / "build/tools/ksmem")
 
 
 def unique(name):
@@ -27,6 +30,13 @@ def unique(name):
 def fetch_all(connection):
     """Every event pending for `connection`: it fetches until a fetch brings none."""
     return b"".join(itertools.islice(iter(lambda: connection.get_events()[0], b""), 10000))
+
+
+def tool(service, *arguments):
+    """Runs ksmem, the command-line client, against `service`: its exit status, standard output
+    (bytes) and standard error."""
+    done = subprocess.run([TOOL, "--service", service, *arguments], capture_output=True, timeout=30)
+    return done.returncode, done.stdout, done.stderr.decode()
 
 
 def until_done(operation):

@@ -1,22 +1,15 @@
 """What a fetch hands over and what a silent client keeps, against every backend."""
-import os
-import pathlib
-import subprocess
 import time
 
 import ksmem
 import pytest
-from harness import Child, fetch_all, unique
+from harness import Child, fetch_all, tool, unique
 from servers import info
-
-TOOL = os.environ.get("KSMEM_TOOL", pathlib.Path(__file__).parents[2] / "build/tools/ksmem")
 
 
 def backlogs(service, server):
     """The operator's view of `server` that `ksmem clients` prints: CLIENT, PENDING, OLDEST."""
-    table = subprocess.run([TOOL, "--service", service, "clients", "--server", server],
-                           capture_output=True, text=True, check=True, timeout=30).stdout
-    rows = map(str.split, table.splitlines()[1:])
+    rows = map(str.split, tool(service, "clients", "--server", server)[1].decode().splitlines()[1:])
     return [(client, int(pending), " ".join(age)) for client, pending, *age in rows]
 
 

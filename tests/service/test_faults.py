@@ -6,7 +6,7 @@ import time
 import pytest
 
 import ksmem
-from harness import Child, fetch_all, unique
+from harness import Child, fetch_all, tool, unique
 
 
 def post_once(server):
@@ -38,14 +38,20 @@ KINDS = [  # the fault, the class raised, what its message says after the rule, 
 
 @pytest.mark.parametrize("fault, raised, what, arrives", KINDS)
 def test_each_kind_fails_the_exchange_as_a_real_fault_does(backend, fault, raised, what, arrives):
+    # Through the module, then through ksmem, whose processes share no embedded service.
     options = f"fault={fault}&fault-on=putEvents"
     service = (backend.url() + "?" if backend else "embedded?") + options
+    server, message = unique("faults"), f"Fault injected by KSMEM_SERVICE ({options}): {what}"
 
-    failure, seconds, events = Child(service, post_once, unique("faults")).result()
+    failure, seconds, events = Child(service, post_once, server).result()
+    put = tool(service, "put", "--server", server, "--client", "sender", "e2")
+    fetched = tool(service, "get", "--server", server, "--client", "receiver")[1]
 
-    assert failure == (raised and (raised, f"Fault injected by KSMEM_SERVICE ({options}): {what}"))
+    assert failure == (raised and (raised, message))
     assert events == arrives
     assert (seconds >= 0.3) == fault.startswith("delay")
+    assert put[::2] == ((1, f"ksmem: {message} (type 0)\n") if raised else (0, ""))
+    assert fetched == (arrives.replace(b"e1", b"e2") if backend else b"")
 
 
 def struck(count, threads=1):
