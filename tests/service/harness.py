@@ -39,6 +39,15 @@ def tool(service, *arguments):
     return done.returncode, done.stdout, done.stderr.decode()
 
 
+def raised(operation):
+    """What operation() raised of the library's failures, as (class name, message), or None."""
+    try:
+        operation()
+    except ksmem.Error as e:
+        return type(e).__name__, e.message
+    return None
+
+
 def until_done(operation):
     """Calls `operation` again after each failure, as an application would, for at most 30
     seconds; gives its result and how often it failed."""
