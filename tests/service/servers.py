@@ -231,7 +231,7 @@ def main(arguments):
                 try:
                     servers[-1].start()
                 except Exception as why:  # whatever it was, COMMAND cannot run
-                    sys.exit(f"servers.py: {kind} did not start: {why!r}")
+                    sys.exit(f"servers.py: {kind} did not start: {type(why).__name__}: {why}")
                 environment["KSMEM_REDIS_" + kind.upper().replace("-", "_")] = servers[-1].url()
                 if kind == service:
                     environment["KSMEM_SERVICE"] = servers[-1].url()
