@@ -14,9 +14,12 @@
 //
 // A process talks to the one service KSMEM_SERVICE names at its first KsMem_Init, so each case
 // runs in a forked child of its own: the benchmark asks the child for one operation at a time
-// and takes the time that the child measured around it. The Redis cases start a redis-server
-// of their own and are skipped, saying why, without one.
+// and takes the time that the child measured around it. The Redis cases use the loopback
+// redis-server and the two clusters that bench/run.sh starts through tests/service/servers.py
+// and names in KSMEM_REDIS_REDIS, KSMEM_REDIS_CLUSTER and KSMEM_REDIS_CLUSTER_WITHOUT_REPLICAS;
+// without them they are skipped, saying so.
 #include <benchmark/benchmark.h>
+#include <hiredis/hiredis.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,17 +27,17 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "binding/TextExchange.h"
 #include "client/KsMEMConnection.h"
 #include "client/KsMemBinding.h"
-#include "tests/standin/RedisCluster.h"
-#include "tests/standin/RedisServer.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
 using Kestrane::Net::KsModelEventManager::Binding::TextReply;
@@ -47,20 +50,69 @@ const std::string kEvent =
     "<reading sensor=\"t2\" unit=\"\xC2\xB0"
     "C\">19.0</reading>";
 
-// The loopback Redis of this run, started at its first use; null, with `problem` set, if none.
-RedisServer* loopbackRedis(std::string& problem) {
-  static std::unique_ptr<RedisServer> server;
-  static std::string why;
-  if (!server && why.empty()) {
-    server = std::make_unique<RedisServer>(RedisServer::Listen::kLoopback);
-    if (!server->start()) {
-      why = "no Redis for this case: " + server->problem();
-      server.reset();
-    }
-  }
-  problem = why;
-  return server.get();
+// The environment variables in which bench/run.sh names the loopback Redis and the clusters.
+const std::string kRedis = "KSMEM_REDIS_REDIS", kCluster = "KSMEM_REDIS_CLUSTER",
+                  kPrimariesAlone = "KSMEM_REDIS_CLUSTER_WITHOUT_REPLICAS";
+
+// The URL of the Redis or Redis Cluster that bench/run.sh names in the environment variable
+// `name`; nothing, with the row skipped saying so, when it is not set.
+std::optional<std::string> urlFrom(benchmark::State& state, const std::string& name) {
+  const char* url = std::getenv(name.c_str());
+  if (url != nullptr) return url;
+  state.SkipWithError(("no " + name + " for this case: run it through bench/run.sh").c_str());
+  return std::nullopt;
 }
+
+// A connection of the benchmark's own to the Redis at a "redis://127.0.0.1:PORT" URL, for the
+// commands that the library is measured against and for INFO.
+class RawRedis {
+ public:
+  using Reply = std::unique_ptr<redisReply, void (*)(void*)>;
+
+  // Connecting and each command wait five seconds at most.
+  explicit RawRedis(const std::string& url)
+      : context(redisConnectWithTimeout("127.0.0.1", std::atoi(url.c_str() + url.rfind(':') + 1),
+                                        kLimit),
+                redisFree) {
+    if (problem().empty()) redisSetTimeout(context.get(), kLimit);
+  }
+
+  // Why there is no connection, or "" when there is one.
+  std::string problem() const {
+    if (context == nullptr) return "out of memory";
+    return context->err == 0 ? "" : "no connection to Redis: " + std::string(context->errstr);
+  }
+
+  // The reply to the command `parts`; null when there is none.
+  Reply command(std::initializer_list<std::string_view> parts) {
+    std::vector<const char*> argv;
+    std::vector<std::size_t> lengths;
+    for (const std::string_view part : parts) {
+      argv.push_back(part.data());
+      lengths.push_back(part.size());
+    }
+    return Reply(static_cast<redisReply*>(redisCommandArgv(
+                     context.get(), static_cast<int>(argv.size()), argv.data(), lengths.data())),
+                 freeReplyObject);
+  }
+
+  // The text of a string reply, or `otherwise`.
+  static std::string text(const Reply& reply, const std::string& otherwise) {
+    const bool string = reply != nullptr && reply->type == REDIS_REPLY_STRING;
+    return string ? std::string(reply->str, reply->len) : otherwise;
+  }
+
+  // The integer field `name` of INFO (for instance "used_memory"), or -1 when there is none.
+  long long infoInteger(const std::string& name) {
+    const std::string info = "\n" + text(command({"INFO"}), "");
+    const std::size_t at = info.find("\n" + name + ":");
+    return at == std::string::npos ? -1 : std::atoll(info.c_str() + at + name.size() + 2);
+  }
+
+ private:
+  static constexpr timeval kLimit = {5, 0};
+  std::unique_ptr<redisContext, void (*)(redisContext*)> context;
+};
 
 // A child process that uses `service`: it runs `setUp` once, which gives the operation, then
 // runs the operation once for each request of the parent and answers with the nanoseconds it
@@ -191,36 +243,11 @@ void BM_RoundTripEmbedded(benchmark::State& state) {
   timeInChild(state, child);
 }
 
-// The Redis Cluster of this run, with a replica for each primary or none, started at its first
-// use; null, with `problem` set, if none.
-RedisCluster* loopbackCluster(bool replicated, std::string& problem) {
-  static std::unique_ptr<RedisCluster> clusters[2];
-  static std::string why[2];
-  std::unique_ptr<RedisCluster>& cluster = clusters[replicated];
-  if (!cluster && why[replicated].empty()) {
-    cluster = std::make_unique<RedisCluster>(replicated);
-    if (!cluster->start()) {
-      why[replicated] = "no Redis Cluster for this case: " + cluster->problem();
-      cluster.reset();
-    }
-  }
-  problem = why[replicated];
-  return cluster.get();
-}
-
-void roundTripsThroughCluster(benchmark::State& state, bool replicated) {
-  std::string problem;
-  RedisCluster* cluster = loopbackCluster(replicated, problem);
-  if (cluster == nullptr) return state.SkipWithError(problem.c_str());
-  ServiceChild child(cluster->url(), roundTrip);
-  timeInChild(state, child);
-}
-
-void BM_RoundTripRedis(benchmark::State& state) {
-  std::string problem;
-  RedisServer* redis = loopbackRedis(problem);
-  if (redis == nullptr) return state.SkipWithError(problem.c_str());
-  ServiceChild child(redis->url(), roundTrip);
+// The round trip through the Redis or Redis Cluster named in the environment variable `name`.
+void roundTripsThrough(benchmark::State& state, const std::string& name) {
+  const std::optional<std::string> url = urlFrom(state, name);
+  if (!url) return;
+  ServiceChild child(*url, roundTrip);
   timeInChild(state, child);
 }
 
@@ -228,26 +255,29 @@ void BM_RoundTripRedis(benchmark::State& state) {
 // alice is registered, append the event, list the clients; getEvents: read bob's cursor, move
 // it, read what follows; getSharedClients: check that bob is registered, list the clients.
 void BM_RawRedisCommandsOfARoundTrip(benchmark::State& state) {
-  std::string problem;
-  RedisServer* redis = loopbackRedis(problem);
-  if (redis == nullptr) return state.SkipWithError(problem.c_str());
+  const std::optional<std::string> url = urlFrom(state, kRedis);
+  if (!url) return;
+  RawRedis redis(*url);
+  if (!redis.problem().empty()) return state.SkipWithError(redis.problem().c_str());
   const std::string prefix = "raw-" + std::to_string(getpid());
   const std::string clients = prefix + ":clients", cursors = prefix + ":cursors",
                     log = prefix + ":log";
-  redis->command({"DEL", clients, cursors, log});
-  redis->command({"ZADD", clients, "1", "alice", "2", "bob"});
-  redis->command({"HSET", cursors, "alice", "0-0", "bob", "0-0"});
+  redis.command({"DEL", clients, cursors, log});
+  redis.command({"ZADD", clients, "1", "alice", "2", "bob"});
+  redis.command({"HSET", cursors, "alice", "0-0", "bob", "0-0"});
   for (auto _ : state) {
-    redis->command({"HGET", cursors, "alice"});
-    const std::vector<std::string> id =
-        redis->command({"XADD", log, "*", "sender", "alice", "event", kEvent});
-    redis->command({"ZRANGE", clients, "0", "-1"});
-    const std::vector<std::string> cursor = redis->command({"HGET", cursors, "bob"});
-    const std::vector<std::string> read =
-        redis->command({"XRANGE", log, "(" + (cursor.empty() ? "0-0" : cursor[0]), "+"});
-    redis->command({"HSET", cursors, "bob", id.empty() ? "0-0" : id[0]});
-    redis->command({"HEXISTS", cursors, "bob"});
-    if (read.size() != 5 || redis->command({"ZRANGE", clients, "0", "-1"}).size() != 2) {
+    redis.command({"HGET", cursors, "alice"});
+    const RawRedis::Reply id =
+        redis.command({"XADD", log, "*", "sender", "alice", "event", kEvent});
+    redis.command({"ZRANGE", clients, "0", "-1"});
+    const RawRedis::Reply cursor = redis.command({"HGET", cursors, "bob"});
+    // One entry: its id and its four fields.
+    const RawRedis::Reply read =
+        redis.command({"XRANGE", log, "(" + RawRedis::text(cursor, "0-0"), "+"});
+    redis.command({"HSET", cursors, "bob", RawRedis::text(id, "0-0")});
+    redis.command({"HEXISTS", cursors, "bob"});
+    const RawRedis::Reply listed = redis.command({"ZRANGE", clients, "0", "-1"});
+    if (read == nullptr || read->elements != 1 || listed == nullptr || listed->elements != 2) {
       state.SkipWithError("Redis did not answer as it should");
       break;
     }
@@ -256,10 +286,9 @@ void BM_RawRedisCommandsOfARoundTrip(benchmark::State& state) {
 
 // A getEvents with nothing pending, or a putEvents, by c0 of a server with `clients` clients.
 void atTransport(benchmark::State& state, const std::string& operation, int clients) {
-  std::string problem;
-  RedisServer* redis = loopbackRedis(problem);
-  if (redis == nullptr) return state.SkipWithError(problem.c_str());
-  ServiceChild child(redis->url(), [&]() -> ServiceChild::Operation {
+  const std::optional<std::string> url = urlFrom(state, kRedis);
+  if (!url) return;
+  ServiceChild child(*url, [&]() -> ServiceChild::Operation {
     const std::string server = serverWithClients(clients);
     return [server, operation] { return exchange(operation, server, "c0", kEvent).has_value(); };
   });
@@ -270,10 +299,11 @@ void atTransport(benchmark::State& state, const std::string& operation, int clie
 // per event and over the event's size. One iteration: it fills a server of its own.
 void memoryPerEvent(benchmark::State& state, int clients) {
   constexpr int kPosted = 2000;
-  std::string problem;
-  RedisServer* redis = loopbackRedis(problem);
-  if (redis == nullptr) return state.SkipWithError(problem.c_str());
-  ServiceChild child(redis->url(), [&]() -> ServiceChild::Operation {
+  const std::optional<std::string> url = urlFrom(state, kRedis);
+  if (!url) return;
+  RawRedis redis(*url);
+  if (!redis.problem().empty()) return state.SkipWithError(redis.problem().c_str());
+  ServiceChild child(*url, [&]() -> ServiceChild::Operation {
     const std::string server = serverWithClients(clients);
     return [server] {
       std::string event(1000, '.');
@@ -285,9 +315,10 @@ void memoryPerEvent(benchmark::State& state, int clients) {
     };
   });
   for (auto _ : state) {
-    const long long before = redis->infoInteger("used_memory");
+    const long long before = redis.infoInteger("used_memory");
     if (child.timeOne() < 0) return state.SkipWithError("posting failed in the child");
-    const long long after = redis->infoInteger("used_memory");
+    const long long after = redis.infoInteger("used_memory");
+    if (before < 0 || after < 0) return state.SkipWithError("INFO gave no used_memory");
     state.counters["memory_over_event_size"] =
         static_cast<double>(after - before) / kPosted / 1000.0;
   }
@@ -296,14 +327,14 @@ void memoryPerEvent(benchmark::State& state, int clients) {
 const bool registered = [] {
   using benchmark::RegisterBenchmark;
   RegisterBenchmark("round_trip_embedded/ksmem", BM_RoundTripEmbedded)->UseManualTime();
-  RegisterBenchmark("round_trip_redis/ksmem", BM_RoundTripRedis)->UseManualTime();
+  RegisterBenchmark("round_trip_redis/ksmem", roundTripsThrough, kRedis)->UseManualTime();
   RegisterBenchmark("round_trip_redis/raw_commands", BM_RawRedisCommandsOfARoundTrip)
       ->UseRealTime();
-  RegisterBenchmark("round_trip_cluster/ksmem", roundTripsThroughCluster, true)->UseManualTime();
-  RegisterBenchmark("round_trip_cluster/single_redis", BM_RoundTripRedis)->UseManualTime();
-  RegisterBenchmark("round_trip_cluster_without_replicas/ksmem", roundTripsThroughCluster, false)
+  RegisterBenchmark("round_trip_cluster/ksmem", roundTripsThrough, kCluster)->UseManualTime();
+  RegisterBenchmark("round_trip_cluster/single_redis", roundTripsThrough, kRedis)->UseManualTime();
+  RegisterBenchmark("round_trip_cluster_without_replicas/ksmem", roundTripsThrough, kPrimariesAlone)
       ->UseManualTime();
-  RegisterBenchmark("round_trip_cluster_without_replicas/single_redis", BM_RoundTripRedis)
+  RegisterBenchmark("round_trip_cluster_without_replicas/single_redis", roundTripsThrough, kRedis)
       ->UseManualTime();
   for (const char* operation : {"getEvents", "putEvents"}) {
     const std::string row =

@@ -4,7 +4,9 @@
 # run, as CPU time per iteration (the median of the repetitions) and their ratio, with the
 # target where there is one. Rows without a reference follow with their times as measured.
 # Repetitions of all rows run interleaved in random order, so that a spell of load on a shared
-# machine falls on subject and reference alike.
+# machine falls on subject and reference alike. The service rows of ksmem_bench run against a
+# loopback redis-server and two Redis Clusters, with a replica per primary and without, that
+# tests/service/servers.py starts around the program and stops after it.
 #
 # usage: bench/run.sh [REPETITIONS [BENCHMARK_FILTER]]   (default: 5, every row)
 set -euo pipefail
@@ -23,7 +25,11 @@ for program in ksmem_transport_bench ksmem_bench; do
   # Rows are printed in the order in which the programs list them.
   "build-bench/bench/$program" --benchmark_list_tests --benchmark_filter="$filter" |
     sed 's/^/listed /' >>"$results"
-  if ! "build-bench/bench/$program" --benchmark_repetitions="$repetitions" \
+  servers=()
+  if [ "$program" = ksmem_bench ]; then
+    servers=(/usr/bin/python3 tests/service/servers.py redis cluster cluster-without-replicas --)
+  fi
+  if ! "${servers[@]}" "build-bench/bench/$program" --benchmark_repetitions="$repetitions" \
       --benchmark_enable_random_interleaving=true \
       --benchmark_report_aggregates_only=true --benchmark_format=json \
       --benchmark_filter="$filter" >>"$results" 2>"$log"; then

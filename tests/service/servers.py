@@ -3,10 +3,13 @@ that the caller gives, and the Redis commands that a test sends them. Free of th
 that C++ suites and benchmarks start their servers through it as well (see main below)."""
 import ctypes
 import os
+import pathlib
 import random
 import signal
 import socket
 import subprocess
+import sys
+import tempfile
 import time
 
 
@@ -122,26 +125,30 @@ class RedisServer:
             self.process.wait()
             self.process = None
 
+    stop = kill  # as RedisCluster.stop
+
     def suspend(self, frozen):
         """Freezes it or lets it go on, as a machine that stalls: its connections stay open."""
         os.kill(self.process.pid, signal.SIGSTOP if frozen else signal.SIGCONT)
 
 
 class RedisCluster:
-    """Six password-protected nodes on loopback joined into three primaries with a replica each.
-    Each has the service's own user with the rights that the README gives it, an append-only
-    file, and takes a node silent for a second as failing. Nodes are named by their port."""
+    """Password-protected nodes on loopback joined into three primaries with `replicas` replicas
+    each. Each has the service's own user with the rights that the README gives it, an
+    append-only file, and takes a node silent for a second as failing. Nodes are named by their
+    port."""
 
     RIGHTS = ("~{ksmem:* resetchannels -@all +ping +time +role +wait +asking +cluster|slots "
               "+cluster|nodes +script|load +evalsha +eval +exists +del +get +set +hget +hmget "
               "+hset +hdel +hexists +hincrby +hgetall +zadd +zrem +zrange +zrevrange "
               "+zrangebyscore +xadd +xrange +xtrim").split()
 
-    def __init__(self, directory, password="ksmem-cluster-secret"):
+    def __init__(self, directory, password="ksmem-cluster-secret", replicas=1):
         args = ["--appendonly", "yes", "--cluster-enabled", "yes", "--cluster-node-timeout", "1000",
                 "--masterauth", password, "--repl-diskless-sync-delay", "0"]
-        self.nodes = [RedisServer(directory / str(i), False, args, password) for i in range(6)]
-        self.password = password
+        self.nodes = [RedisServer(directory / str(i), False, args, password)
+                      for i in range(3 * (1 + replicas))]
+        self.password, self.replicas = password, replicas
 
     def start(self):
         for node in self.nodes:
@@ -150,7 +157,7 @@ class RedisCluster:
                                 *self.RIGHTS) == "OK"
         subprocess.run(["redis-cli", "-a", self.password, "--no-auth-warning", "--cluster",
                         "create", *(f"127.0.0.1:{node.port}" for node in self.nodes),
-                        "--cluster-replicas", "1", "--cluster-yes"],
+                        "--cluster-replicas", str(self.replicas), "--cluster-yes"],
                        check=True, capture_output=True, timeout=60)
         assert self.wait_until_ok(), "the cluster was not ok within 30 seconds"
 
@@ -196,3 +203,44 @@ class RedisCluster:
 
     def wait_until_ok(self):
         return wait_for(self.settled, 30)
+
+
+KINDS = {"redis": RedisServer, "unix": lambda directory: RedisServer(directory, unix=True),
+         "cluster": RedisCluster,
+         "cluster-without-replicas": lambda directory: RedisCluster(directory, replicas=0)}
+
+
+def main(arguments):
+    """servers.py [--service KIND] KIND... -- COMMAND [ARG...]: starts a server of each KIND
+    (redis: loopback, unix: a Unix socket, cluster: 3 primaries with a replica each,
+    cluster-without-replicas: 3 primaries) in a temporary directory, runs COMMAND with the URL of
+    each in KSMEM_REDIS_<KIND> (upper case, "-" as "_") and, with --service, that of KIND in
+    KSMEM_SERVICE too, stops them however it ends and exits with COMMAND's status."""
+    split = arguments.index("--") if "--" in arguments else 0
+    kinds, command = arguments[:split], arguments[split + 1:]
+    service = kinds[1] if kinds[:1] == ["--service"] and len(kinds) > 1 else None
+    kinds = kinds[2:] if service else kinds
+    if not command or not kinds or not set(kinds) <= KINDS.keys() or service not in kinds + [None]:
+        sys.exit(main.__doc__)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    servers, environment = [], dict(os.environ)
+    with tempfile.TemporaryDirectory() as directory:
+        try:
+            for kind in kinds:
+                servers.append(KINDS[kind](pathlib.Path(directory, kind)))
+                try:
+                    servers[-1].start()
+                except Exception as why:  # whatever it was, COMMAND cannot run
+                    sys.exit(f"servers.py: {kind} did not start: {type(why).__name__}: {why}")
+                environment["KSMEM_REDIS_" + kind.upper().replace("-", "_")] = servers[-1].url()
+                if kind == service:
+                    environment["KSMEM_SERVICE"] = servers[-1].url()
+            status = subprocess.run(command, env=environment, preexec_fn=die_with_parent).returncode
+            sys.exit(status if status >= 0 else 128 - status)
+        finally:
+            for server in servers:
+                server.stop()
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])

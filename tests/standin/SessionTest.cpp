@@ -1,6 +1,6 @@
 // One whole session against the stand-in transport and its service, linked as an application
-// links them. ctest runs it against the embedded service and again against a Redis of the test
-// process's own (OwnRedis.cpp).
+// links them. ctest runs it against the embedded service and again against a Redis of its own
+// (tests/CMakeLists.txt).
 #include <gtest/gtest.h>
 
 #include "tests/standin/Calls.h"
