@@ -10,7 +10,7 @@ packages=("$@")
 [ ${#packages[@]} -gt 0 ] ||
   packages=(cmake ninja-build g++ pkg-config libxerces-c-dev libicu-dev libgtest-dev
             libbenchmark-dev libpugixml-dev libhiredis-dev redis-server locales clang
-            libclang-rt-14-dev pybind11-dev python3-dev python3-pytest)
+            libclang-rt-14-dev pybind11-dev python3-dev python3-pytest python3-redis)
 
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"

@@ -6,11 +6,12 @@ import os
 import pathlib
 import random
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
+
+import redis
 
 
 def die_with_parent():
@@ -22,43 +23,6 @@ def wait_for(condition, seconds=10):
     while not condition() and time.monotonic() < deadline:
         time.sleep(0.02)
     return condition()
-
-
-def command(address, *parts, password=""):
-    """The reply of the Redis at `address` (a loopback port or a socket path) to one command:
-    text for strings, status and error replies, int, None or a list."""
-    unix = isinstance(address, str)
-    with socket.socket(socket.AF_UNIX if unix else socket.AF_INET) as connection:
-        connection.settimeout(5)
-        connection.connect(address if unix else ("127.0.0.1", address))
-        stream = connection.makefile("rb")
-        for request in ([("AUTH", password)] if password else []) + [parts]:
-            data = b"*%d\r\n" % len(request)
-            for part in (str(p).encode() for p in request):
-                data += b"$%d\r\n%s\r\n" % (len(part), part)
-            connection.sendall(data)
-            reply = _reply(stream)
-        return reply
-
-
-def _reply(stream):
-    line = stream.readline()
-    kind, rest = line[:1], line[1:-2].decode()
-    if kind in (b"+", b"-"):
-        return rest
-    if kind == b":":
-        return int(rest)
-    if kind == b"$":
-        return None if rest == "-1" else stream.read(int(rest) + 2)[:-2].decode(errors="replace")
-    if kind == b"*":
-        return None if rest == "-1" else [_reply(stream) for _ in range(int(rest))]
-    raise ConnectionError(f"no readable reply: {line!r}")
-
-
-def info(node, *command):
-    """The reply of `node` to INFO or CLUSTER INFO as a dict."""
-    text = node.command(*command)
-    return dict(line.split(":", 1) for line in text.splitlines() if ":" in line)
 
 
 class RedisServer:
@@ -79,7 +43,11 @@ class RedisServer:
         return where or f"redis://{credentials}127.0.0.1:{self.port}"
 
     def command(self, *parts):
-        return command(self.socket or self.port, *parts, password=self.password)
+        """Its reply to one command, as redis-py gives it (INFO as a dict); an error reply
+        raises redis.ResponseError."""
+        with redis.Redis("127.0.0.1", self.port, unix_socket_path=self.socket, socket_timeout=5,
+                         password=self.password or None, decode_responses=True) as client:
+            return client.execute_command(*parts)
 
     def start(self):
         """Starts it and waits until it answers as itself (after loading its append-only file)."""
@@ -110,9 +78,9 @@ class RedisServer:
                 self.process = None
                 return "redis-server stopped at once: " + log.read_text()
             try:  # another server may hold the port: only ours gives our process id
-                if info(self, "INFO", "server").get("process_id") == str(self.process.pid):
+                if self.command("INFO", "server")["process_id"] == self.process.pid:
                     return None
-            except OSError:
+            except redis.RedisError:
                 pass
             time.sleep(0.005)
         self.kill()
@@ -153,8 +121,7 @@ class RedisCluster:
     def start(self):
         for node in self.nodes:
             node.start()
-            assert node.command("ACL", "SETUSER", "ksmem", "on", f">{self.password}@user",
-                                *self.RIGHTS) == "OK"
+            node.command("ACL", "SETUSER", "ksmem", "on", f">{self.password}@user", *self.RIGHTS)
         subprocess.run(["redis-cli", "-a", self.password, "--no-auth-warning", "--cluster",
                         "create", *(f"127.0.0.1:{node.port}" for node in self.nodes),
                         "--cluster-replicas", str(self.replicas), "--cluster-yes"],
@@ -177,21 +144,23 @@ class RedisCluster:
     def owner_of(self, server):
         """The port of the primary that keeps the keys of `server`."""
         node = self.node()
-        reply = node.command("EXISTS", "{ksmem:%s}" % server)
-        return node.port if isinstance(reply, int) else int(reply.rsplit(":", 1)[1])
+        try:
+            node.command("EXISTS", "{ksmem:%s}" % server)
+            return node.port
+        except redis.ResponseError as moved:  # "MOVED SLOT 127.0.0.1:PORT"
+            return int(str(moved).rsplit(":", 1)[1])
 
     def replica_of(self, port):
         """The replica in sync with the primary at `port`, as that primary sees it now."""
-        replica = info(self.node(port), "INFO", "replication").get("slave0", "")
-        fields = dict(f.split("=", 1) for f in replica.split(",") if "=" in f)
-        return self.node(int(fields["port"])) if fields.get("state") == "online" else None
+        replica = self.node(port).command("INFO", "replication").get("slave0", {})
+        return self.node(replica["port"]) if replica.get("state") == "online" else None
 
     def settled(self):
         """Every running node sees the cluster ok with every slot served by a running node, and
         every replica has its link to its primary up."""
         for node in filter(lambda n: n.process, self.nodes):
-            replication = info(node, "INFO", "replication")
-            if info(node, "CLUSTER", "INFO").get("cluster_state") != "ok" or (
+            replication = node.command("INFO", "replication")
+            if "cluster_state:ok" not in node.command("CLUSTER", "INFO") or (
                     replication["role"] == "slave" and replication["master_link_status"] != "up"):
                 return False
             for line in node.command("CLUSTER", "NODES").splitlines():

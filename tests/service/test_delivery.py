@@ -4,7 +4,6 @@ import time
 import ksmem
 import pytest
 from harness import Child, fetch_all, tool, unique
-from servers import info
 
 
 def backlogs(service, server):
@@ -69,7 +68,7 @@ def test_silent_client_keeps_only_the_newest_events_once_the_retention_limit_is_
         assert [row[0] for row in table] == ["silent%20one", "active", "poster"]
         assert table[0][1] == len(kept) and table[0][2] != "-"
         assert table[1][1] <= 20 and table[2][1:] == (0, "-")
-        assert "db2" in info(backend, "INFO", "keyspace")  # the database that the URL names
+        assert "db2" in backend.command("INFO", "keyspace")  # the database that the URL names
 
 
 def test_silent_client_loses_events_only_once_they_are_older_than_the_retention_age(backend):
