@@ -34,13 +34,6 @@ inline std::string fetch(KsMEMConnection& connection) {
   return events;
 }
 
-// Every event pending for the connection: it fetches until a fetch brings none.
-inline std::string fetchAll(KsMEMConnection& connection) {
-  std::string events;
-  for (std::string more; !(more = fetch(connection)).empty();) events += more;
-  return events;
-}
-
 // The message of the `Failure` that `action` throws, or "no failure".
 template <typename Failure, typename Action>
 std::string failureOf(Action action) {
