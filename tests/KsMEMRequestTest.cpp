@@ -11,6 +11,7 @@
 #include "client/KsMemBinding.h"
 #include "client/TransportFailure.h"
 #include "tests/ScriptedTransport.h"
+#include "tests/ThrownBy.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
 namespace st = ScriptedTransport;
@@ -24,7 +25,7 @@ std::string exchange(const std::string& body) {
   request.addHeader("Operation-Name", "getStatus");
   request.setRequestStream(&stream);
   std::string reply;
-  const std::string thrown = st::thrownBy([&] { reply = request.exchange(); });
+  const std::string thrown = thrownBy([&] { reply = request.exchange(); });
   return thrown.empty() ? reply : thrown;
 }
 
@@ -126,7 +127,7 @@ TEST(KsMEMRequestTest, TextFormSendsBlockAndBodyInOneTextAndLeavesTheStreamUnrea
   EXPECT_EQ(st::texts(), std::vector<std::string>{"Operation-Name=getStatus\r\n\r\nthe body"});
   EXPECT_EQ(st::count(st::Send) + st::count(st::SendEOF) + st::count(st::Complete), 3);
   EXPECT_EQ(unread.tellg(), 0);
-  EXPECT_EQ(st::thrownBy([&] { empty.exchange(); }),
+  EXPECT_EQ(thrownBy([&] { empty.exchange(); }),
             "KsMEMProtocolException 0 Failed to read the request stream.");
 }
 
@@ -135,10 +136,9 @@ TEST(KsMEMRequestTest, InitialiseFailsOnAnyResultButZeroAndTerminateOnNegativeOn
   st::script(st::Init, 5);
   st::script(st::Term, 3);
   st::script(st::Term, KSMEM_ERR_MALFORMED_REQUEST);
-  EXPECT_EQ(st::thrownBy(KsMEMRequest::initialise),
-            "KsMEMUnrecognisedException 0 scripted failure");
-  EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "");
-  EXPECT_EQ(st::thrownBy(KsMEMRequest::terminate), "KsMEMProtocolException 0 scripted failure");
+  EXPECT_EQ(thrownBy(KsMEMRequest::initialise), "KsMEMUnrecognisedException 0 scripted failure");
+  EXPECT_EQ(thrownBy(KsMEMRequest::terminate), "");
+  EXPECT_EQ(thrownBy(KsMEMRequest::terminate), "KsMEMProtocolException 0 scripted failure");
 }
 
 // The numbers that the transport library sends: every other test uses the names, so this one
@@ -190,7 +190,7 @@ TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTh
   };
   for (const auto& [codes, thrown] : classes)
     for (int32_t code : codes)
-      EXPECT_EQ(st::thrownBy([=] { throwTransportFailure(code); }), thrown) << code;
+      EXPECT_EQ(thrownBy([=] { throwTransportFailure(code); }), thrown) << code;
 }
 
 TEST(TransportFailureTest, LastErrorTextStandsInWithAFixedTextWhenTheTransportGivesNone) {

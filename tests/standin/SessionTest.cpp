@@ -45,12 +45,11 @@ TEST(SessionTest, ClientsOfAServerReceiveEachOthersEventsOnceByteForByteAndRefus
   std::string noServer, nobody = "nobody", locale;
   List ignored;
   KsMEMConnection(oddOne).unregisterClient(ignored);  // the copy leaves, oddOne stays
-  EXPECT_EQ(failureOf<KsMEMProtocolException>(
-                [&] { KsMEMConnection().registerClient(noServer, nobody, locale, ignored); }),
-            "Client \"nobody\" cannot register without a server identifier: the request's "
-            "\"Server-ID\" header is empty or missing.");
-  EXPECT_EQ(failureOf<KsMEMProtocolException>([&] { post(oddOne, "too late"); }),
-            "Client \"" + odd +
+  EXPECT_EQ(thrownBy([&] { KsMEMConnection().registerClient(noServer, nobody, locale, ignored); }),
+            "KsMEMProtocolException 0 Client \"nobody\" cannot register without a server "
+            "identifier: the request's \"Server-ID\" header is empty or missing.");
+  EXPECT_EQ(thrownBy([&] { post(oddOne, "too late"); }),
+            "KsMEMProtocolException 0 Client \"" + odd +
                 "\" is not registered with the Model Event Manager under server \"plant-7\", so "
                 "it cannot call putEvents; it must call registerClient first.");
   EXPECT_THROW(oddOne.unregisterClient(ignored), Exception);
