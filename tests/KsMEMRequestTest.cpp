@@ -167,7 +167,8 @@ TEST(TransportContractTest, EachStatusAndResultCodeHasTheNumberTheTransportSends
   }
 }
 
-TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTheMessage) {
+TEST(TransportFailureTest,
+     ResultCodeSelectsTheClassAndTheLastErrorTextOrAFixedStandInBecomesTheMessage) {
   st::reset();
   st::setLastError("text");
   const std::pair<std::vector<int32_t>, std::string> classes[] = {
@@ -191,9 +192,8 @@ TEST(TransportFailureTest, ResultCodeSelectsTheClassAndTheLastErrorTextBecomesTh
   for (const auto& [codes, thrown] : classes)
     for (int32_t code : codes)
       EXPECT_EQ(thrownBy([=] { throwTransportFailure(code); }), thrown) << code;
-}
 
-TEST(TransportFailureTest, LastErrorTextStandsInWithAFixedTextWhenTheTransportGivesNone) {
+  // A fixed text stands in when the transport gives none, or its call failed.
   const std::tuple<const char*, int32_t, std::string> answers[] = {
       {"text", 0, "text"},
       {nullptr, 0, "No error message received"},

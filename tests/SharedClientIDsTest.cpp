@@ -86,7 +86,7 @@ struct Probe : SharedClientIDs {
   static inline bool deleted = false;
 };
 
-TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletes) {
+TEST(BaseObjectTest, OnlyTheUnrefToZeroDeletesAndClonesStartAtZeroWhereCopiesCarryTheCount) {
   BaseObject* object = new Probe;
   object->unref();  // to -1
   object->ref();
@@ -95,9 +95,7 @@ TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletes) {
   EXPECT_FALSE(Probe::deleted);
   object->unref();
   EXPECT_TRUE(Probe::deleted);
-}
 
-TEST(BaseObjectTest, ClonesStartAtZeroWhileCopiesCarryTheCountAndMovesTakeTheList) {
   SharedClientIDs source = objectWith({"a"}), moved = objectWith({}), assigned;
   source.ref();
   const std::unique_ptr<SharedClientIDs> clone(static_cast<SharedClientIDs*>(source.clone())),

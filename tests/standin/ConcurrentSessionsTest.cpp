@@ -31,10 +31,8 @@ class Barrier {
 };
 
 TEST(ConcurrentSessionsTest, EightThreadsDeliverEveryEventExactlyOnce) {
-  Barrier registered(kThreads);
-  Barrier posted(kThreads);
-  std::vector<std::string> received(kThreads);
-  std::vector<std::string> failures(kThreads);
+  Barrier registered(kThreads), posted(kThreads);
+  std::vector<std::string> received(kThreads), failures(kThreads);
 
   auto session = [&](int t) {
     try {
