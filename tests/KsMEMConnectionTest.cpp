@@ -141,10 +141,11 @@ TEST(KsMEMConnectionTest, FailureOfAnyTransportCallReachesTheCallerAsDocumentedA
   }
 }
 
-TEST(KsMEMConnectionTest, UnregisteredConnectionRefusesWithoutCallingTheTransport) {
+TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregistered) {
   KsMEMConnection connection;
   Arguments arguments;
   st::reset();
+  // Unregistered, it refuses without calling the transport or changing the arguments.
   EXPECT_EQ(run(connection, "getEvents", arguments), "KsMEMProtocolException " + kNotRegistered);
   EXPECT_EQ(run(connection, "putEvents", arguments), "KsMEMProtocolException " + kNotRegistered);
   EXPECT_EQ(run(connection, "getSharedClients", arguments),
@@ -152,10 +153,7 @@ TEST(KsMEMConnectionTest, UnregisteredConnectionRefusesWithoutCallingTheTranspor
   EXPECT_EQ(arguments.events, Arguments().events);
   EXPECT_EQ(arguments.clients, Arguments().clients);
   EXPECT_TRUE(st::entries().empty());
-}
 
-TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregistered) {
-  KsMEMConnection connection;
   List clients;
   const auto registerAs = [&](std::string server, std::string client, std::string locale) {
     st::reset();
