@@ -5,6 +5,7 @@
 #include "client/KsMEMConnection.h"
 #include "client/KsMemBinding.h"
 #include "tests/ScriptedTransport.h"
+#include "tests/ThrownBy.h"
 
 using namespace Kestrane::Net::KsModelEventManager::Client;
 namespace st = ScriptedTransport;
@@ -52,7 +53,7 @@ const struct {
 // Runs `operation` as (S, alice, en) with the caller's `a`; what it throws, or its result.
 std::string run(KsMEMConnection& connection, const std::string& operation, Arguments& a) {
   std::string server = "S", client = "alice", locale = "en", status;
-  const std::string thrown = st::thrownBy([&] {
+  const std::string thrown = thrownBy([&] {
     if (operation == "getStatus") status = std::to_string(connection.getStatus());
     if (operation == "registerClient") connection.registerClient(server, client, locale, a.clients);
     if (operation == "unregisterClient") connection.unregisterClient(a.clients);
@@ -140,10 +141,11 @@ TEST(KsMEMConnectionTest, FailureOfAnyTransportCallReachesTheCallerAsDocumentedA
   }
 }
 
-TEST(KsMEMConnectionTest, UnregisteredConnectionRefusesWithoutCallingTheTransport) {
+TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregistered) {
   KsMEMConnection connection;
   Arguments arguments;
   st::reset();
+  // Unregistered, it refuses without calling the transport or changing the arguments.
   EXPECT_EQ(run(connection, "getEvents", arguments), "KsMEMProtocolException " + kNotRegistered);
   EXPECT_EQ(run(connection, "putEvents", arguments), "KsMEMProtocolException " + kNotRegistered);
   EXPECT_EQ(run(connection, "getSharedClients", arguments),
@@ -151,10 +153,7 @@ TEST(KsMEMConnectionTest, UnregisteredConnectionRefusesWithoutCallingTheTranspor
   EXPECT_EQ(arguments.events, Arguments().events);
   EXPECT_EQ(arguments.clients, Arguments().clients);
   EXPECT_TRUE(st::entries().empty());
-}
 
-TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregistered) {
-  KsMEMConnection connection;
   List clients;
   const auto registerAs = [&](std::string server, std::string client, std::string locale) {
     st::reset();
@@ -171,7 +170,7 @@ TEST(KsMEMConnectionTest, RegisteredMeansANonEmptyServerIdentifierUntilUnregiste
 
   registerAs("S", "alice", "en");
   st::scriptExchange("<SharedClientIDs><other/></SharedClientIDs>");
-  EXPECT_EQ(st::thrownBy([&] { connection.unregisterClient(clients); }),
+  EXPECT_EQ(thrownBy([&] { connection.unregisterClient(clients); }),
             "DomException Unexpected node name: other");
   EXPECT_TRUE(isRegistered(connection));
   st::scriptExchange(kNoClients);

@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "client/KsMEMConnection.h"
-#include "tests/ScriptedTransport.h"
+#include "tests/ThrownBy.h"
 #include "util/SAXToNodeParser.h"
 
 using namespace Kestrane::Net::KsModelEventManager;
@@ -42,8 +42,7 @@ class SAXToNodeParserTest : public ::testing::Test {
 
   // What parsing `xml`, or the file at `path`, throws.
   std::string failureOf(const std::string& xml, const std::string& path = "") {
-    return ScriptedTransport::thrownBy(
-        [&] { path.empty() ? parser.parseString(xml) : parser.parseFile(path); });
+    return thrownBy([&] { path.empty() ? parser.parseString(xml) : parser.parseFile(path); });
   }
 
   const Client::KsMEMConnection xmlLibrary;  // holds the XML library started

@@ -1,16 +1,11 @@
 #include "tests/ScriptedTransport.h"
 
-#include <cxxabi.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <optional>
 
-#include "client/Exception.h"
 #include "client/KsMemBinding.h"
-#include "util/DomException.h"
 
 namespace ScriptedTransport {
 namespace {
@@ -93,29 +88,6 @@ int count(Entry entry) { return std::count(state.calls.begin(), state.calls.end(
 const std::vector<std::string>& texts() { return state.texts; }
 
 size_t sentBytes() { return state.sentBytes; }
-
-std::string thrownBy(const std::function<void()>& action) {
-  using namespace Kestrane::Net::KsModelEventManager;
-  // The class of the object in flight, without namespaces; typeid of the caught reference would
-  // name the base, as the classes have no virtual members.
-  const auto describe = [](const auto& e, const std::string& type) {
-    const std::unique_ptr<char, decltype(&std::free)> name(
-        abi::__cxa_demangle(abi::__cxa_current_exception_type()->name(), nullptr, nullptr, nullptr),
-        std::free);
-    return std::strrchr(name.get(), ':') + 1 + (" " + type) + e.getMessage();
-  };
-  try {
-    action();
-  } catch (const Client::Exception& e) {
-    return describe(e, std::to_string(e.getType()) + " ");
-  } catch (const Client::KsMEMProtocolException* e) {
-    const std::unique_ptr<const Client::KsMEMProtocolException> owned(e);
-    return describe(*e, std::to_string(e->getType()) + " ");
-  } catch (const Util::DomException& e) {
-    return describe(e, "");
-  }
-  return "";
-}
 
 }  // namespace ScriptedTransport
 

@@ -11,7 +11,6 @@
 #define KSMEM_TESTS_SCRIPTEDTRANSPORT_H_
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -49,10 +48,6 @@ int count(Entry entry);
 // The texts given to KsMem_Send and KsMem_SendNoAck, in order, and their bytes in all.
 const std::vector<std::string>& texts();
 size_t sentBytes();
-
-// What `action` throws, as a user would tell it apart: "" for nothing, else the class (a
-// pointer marked with "*", which is deleted), the type code and the message.
-std::string thrownBy(const std::function<void()>& action);
 
 }  // namespace ScriptedTransport
 

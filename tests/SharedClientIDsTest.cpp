@@ -9,7 +9,7 @@
 #include "client/KsMEMConnection.h"
 #include "schemas/_2009_06/base/Namespace.h"
 #include "schemas/_2009_06/base/SharedClientIDs.h"
-#include "tests/ScriptedTransport.h"
+#include "tests/ThrownBy.h"
 #include "util/SAXToNodeParser.h"
 #include "util/XmlStream.h"
 
@@ -75,7 +75,7 @@ TEST_F(SharedClientIDsTest, ParseAppendsEveryEntryUntilAChildOfAnotherName) {
     SharedClientIDs object = objectWith({});
     Net::KsModelEventManager::Util::SAXToNodeParser parser;
     const auto& root = *parser.parseString(reply);  // a binding, which a lambda cannot capture
-    EXPECT_EQ(ScriptedTransport::thrownBy([&] { object.parse(root); }), failure);
+    EXPECT_EQ(thrownBy([&] { object.parse(root); }), failure);
     EXPECT_EQ(entriesOf(object), appended);
   }
 }
@@ -86,7 +86,7 @@ struct Probe : SharedClientIDs {
   static inline bool deleted = false;
 };
 
-TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletes) {
+TEST(BaseObjectTest, OnlyTheUnrefToZeroDeletesAndClonesStartAtZeroWhereCopiesCarryTheCount) {
   BaseObject* object = new Probe;
   object->unref();  // to -1
   object->ref();
@@ -95,9 +95,7 @@ TEST(BaseObjectTest, OnlyTheUnrefThatBringsTheCountToZeroDeletes) {
   EXPECT_FALSE(Probe::deleted);
   object->unref();
   EXPECT_TRUE(Probe::deleted);
-}
 
-TEST(BaseObjectTest, ClonesStartAtZeroWhileCopiesCarryTheCountAndMovesTakeTheList) {
   SharedClientIDs source = objectWith({"a"}), moved = objectWith({}), assigned;
   source.ref();
   const std::unique_ptr<SharedClientIDs> clone(static_cast<SharedClientIDs*>(source.clone())),

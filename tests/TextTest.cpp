@@ -7,7 +7,7 @@
 #include <locale>
 #include <stdexcept>
 
-#include "tests/ScriptedTransport.h"
+#include "tests/ThrownBy.h"
 #include "util/StringConversions.h"
 #include "util/Utf8.h"
 #include "util/XmlEscape.h"
@@ -15,8 +15,6 @@
 
 namespace Kestrane::Net::KsModelEventManager::Util {
 namespace {
-
-namespace st = ScriptedTransport;
 
 TEST(XmlEscapeTest, EscapeReplacesTheEightSpecialBytesAndUnescapeOnlyTheirReferencesInOnePass) {
   EXPECT_EQ(escapeXML("\t\n\"%&'<>a\r\x01\xC3\xA9"),
@@ -98,11 +96,11 @@ TEST(Utf8Test, FailedStepNamesTheConverterAndTheErrorWhileWarningsPass) {
   UErrorCode status = U_ZERO_ERROR;
   UConverter* converter = ucnv_open("UTF-8", &status);
   const std::string failed =
-      st::thrownBy([&] { checkConversionStatus(converter, U_INVALID_CHAR_FOUND, true); });
+      thrownBy([&] { checkConversionStatus(converter, U_INVALID_CHAR_FOUND, true); });
   EXPECT_EQ(failed.find("Utf8ConversionException 0 An error occured converting UTF-8 (UTF-8, "),
             0u);
   EXPECT_NE(failed.find(") to Unicode.\nU_INVALID_CHAR_FOUND\n"), std::string::npos);
-  EXPECT_EQ(st::thrownBy([&] { checkConversionStatus(converter, U_USING_DEFAULT_WARNING, false); }),
+  EXPECT_EQ(thrownBy([&] { checkConversionStatus(converter, U_USING_DEFAULT_WARNING, false); }),
             "");
   ucnv_close(converter);
 }

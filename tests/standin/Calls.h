@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client/KsMEMConnection.h"
+#include "tests/ThrownBy.h"
 
 using Kestrane::Net::KsModelEventManager::Client::KsMEMConnection;
 using List = std::vector<std::string>;
@@ -32,24 +33,6 @@ inline std::string fetch(KsMEMConnection& connection) {
   List clients;
   connection.getEvents(events, clients, correlation);
   return events;
-}
-
-// Every event pending for the connection: it fetches until a fetch brings none.
-inline std::string fetchAll(KsMEMConnection& connection) {
-  std::string events;
-  for (std::string more; !(more = fetch(connection)).empty();) events += more;
-  return events;
-}
-
-// The message of the `Failure` that `action` throws, or "no failure".
-template <typename Failure, typename Action>
-std::string failureOf(Action action) {
-  try {
-    action();
-  } catch (const Failure& e) {
-    return e.getMessage();
-  }
-  return "no failure";
 }
 
 #endif  // KSMEM_TESTS_STANDIN_CALLS_H_
