@@ -291,8 +291,12 @@ class Parser {
     } else if (name == "fault-on") {
       if (std::find(std::begin(kOperations), std::end(kOperations), value) ==
           std::end(kOperations)) {
-        invalid("an operation: getStatus, registerClient, unregisterClient, putEvents, "
-                "getEvents, getSharedClients or getClientBacklogs");
+        std::string operations = "an operation: ";
+        for (std::size_t i = 0; i < std::size(kOperations); ++i) {
+          operations += i == 0 ? "" : i + 1 == std::size(kOperations) ? " or " : ", ";
+          operations += kOperations[i];
+        }
+        invalid(operations.c_str());
       }
       faults.operation = std::string(value);
     } else if (name == "fault-every") {
